@@ -1,0 +1,242 @@
+// The ring of CircularBufferExt: what both directions use while capture is off.
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "buffer/circular_buffer_ext.h"
+#include "daemon/log_switch.h"
+#include "diag/diag_commands.h"
+#include "platform/tagged_log.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kWriteRetries = 1000;
+constexpr int kRetryPauseMs = 2;
+constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
+// A socket is reported writable only when a third of its buffer is free, but takes bytes before.
+constexpr int kFlushTryIntervalMs = 50;
+
+// Returns whether fd became writable, or failed, within timeoutMs.
+bool WaitWritable(int fd, int timeoutMs) {
+    pollfd entry = {fd, POLLOUT, 0};
+    return poll(&entry, 1, timeoutMs) > 0;
+}
+
+// The pauses of one Write on a descriptor that takes nothing.
+class RetryPauses {
+  public:
+    // Pauses before the next try; false when the tries are used up.
+    bool Pause(int fd) {
+        LIB_LOGE("write error, try again,retry_count: %d", mRetries);
+        if (mRetries >= kWriteRetries) return false;
+        // Ready, but took nothing all the same: its readiness is no reason to try sooner.
+        if (mWasReady) mTrustsReadiness = false;
+        mWasReady = mTrustsReadiness && WaitWritable(fd, kRetryPauseMs);
+        if (!mTrustsReadiness) usleep(kRetryPauseMs * 1000);
+        ++mRetries;
+        return true;
+    }
+
+    // fd took bytes. When it did not take all, it is full: the next try would be in vain so soon.
+    void NoteProgress(int fd, bool tookAll) {
+        mTrustsReadiness = true;
+        mWasReady = !tookAll && WaitWritable(fd, kRetryPauseMs);
+    }
+
+  private:
+    int mRetries = 0;
+    bool mWasReady = false;
+    bool mTrustsReadiness = true;
+};
+
+// The waits of one Flush; the clock starts again with each progress.
+class FlushWaits {
+  public:
+    bool Pause(int fd) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            mLastProgress + kFlushStallLimit - Clock::now());
+        if (left.count() <= 0) return false;
+        const int waitMs = std::min(kFlushTryIntervalMs, static_cast<int>(left.count()) + 1);
+        const bool isReady = WaitWritable(fd, waitMs);
+        // Ready, but took nothing all the same.
+        if (isReady && mWasReady) usleep(kRetryPauseMs * 1000);
+        mWasReady = isReady;
+        return true;
+    }
+
+    void NoteProgress(int /*fd*/, bool /*tookAll*/) {
+        mWasReady = false;
+        mLastProgress = Clock::now();
+    }
+
+  private:
+    Clock::time_point mLastProgress = Clock::now();
+    bool mWasReady = false;
+};
+
+// Makes a descriptor non-blocking for its scope, without a line in the log.
+class ScopedNonBlocking {
+  public:
+    explicit ScopedNonBlocking(int fd) : mFd(fd), mFlags(fcntl(fd, F_GETFL, 0)) {
+        if (mFlags >= 0) fcntl(mFd, F_SETFL, mFlags | O_NONBLOCK);
+    }
+    ScopedNonBlocking(const ScopedNonBlocking&) = delete;
+    ScopedNonBlocking& operator=(const ScopedNonBlocking&) = delete;
+    ~ScopedNonBlocking() {
+        if (mFlags >= 0) fcntl(mFd, F_SETFL, mFlags);
+    }
+
+  private:
+    const int mFd;
+    const int mFlags;
+};
+
+}  // namespace
+
+CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const char* name,
+                                     int& readFd, int& writeFd)
+    : mThreadExitCode(1),
+      mIsStalledWhileLogOff(false),
+      mBuffer(buffer),
+      mBufferSize(size),
+      mName(name),
+      mHead(0),
+      mTail(0),
+      mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
+      mReadFd(readFd),
+      mWriteFd(writeFd),
+      mTotalLengthForReadDataWriteToAP(0) {
+    LIB_LOGD("%s: CircularBufferExt init start", mName);
+}
+
+unsigned long CircularBufferExt::NumBytes() const {
+    const unsigned long head = mHead;
+    const unsigned long tail = mTail;
+    return tail >= head ? tail - head : tail - head + mBufferSize;
+}
+
+bool CircularBufferExt::IsDataFromBPAndLogEnable() const {
+    return mIsDataFromBP && mHasProcessThread && gLogEnable == 1;
+}
+
+unsigned long CircularBufferExt::FreeSpanAtTail() const {
+    const unsigned long head = mHead;
+    const unsigned long tail = mTail;
+    if (tail < head) return head - 1 - tail;
+    return mBufferSize - tail - (head == 0 ? 1 : 0);
+}
+
+// One read into the free span at mTail. Returns what read returned, with errno.
+ssize_t CircularBufferExt::ReadSpan(int fd) {
+    const std::lock_guard<std::mutex> lock(mRingMutex);
+    char* const at = mBuffer + mTail;
+    const ssize_t n = read(fd, at, FreeSpanAtTail());
+    if (n <= 0) return n;
+    if (BeginsHdlcDisable(at, n)) {
+        if (mIsDataFromBP) {
+            at[0] = static_cast<char>(kBadCommandResponse);
+        } else {
+            at[4] = static_cast<char>(kDisarmedHdlcDisableByte);
+        }
+    }
+    const unsigned long tail = mTail + static_cast<unsigned long>(n);
+    mTail = tail == mBufferSize ? 0 : tail;
+    return n;
+}
+
+int CircularBufferExt::Read(int fd) {
+    int total = 0;
+    while (!IsFull()) {
+        const ssize_t n = ReadSpan(fd);
+        if (n == 0) return 0;
+        if (n < 0) return -errno;
+        total += static_cast<int>(n);
+        LIB_LOGD("%s: read %d bytes:", mName, static_cast<int>(n));
+    }
+    return total;
+}
+
+// One write of the contiguous span at mHead. Returns false when the ring is empty; otherwise
+// written is what write returned, with errno.
+bool CircularBufferExt::WriteSpan(int fd, ssize_t& written) {
+    const std::lock_guard<std::mutex> lock(mRingMutex);
+    const unsigned long head = mHead;
+    const unsigned long tail = mTail;
+    if (head == tail) return false;
+    const unsigned long span = (tail > head ? tail : mBufferSize) - head;
+    written = write(fd, mBuffer + head, span);
+    if (written <= 0) return true;
+    const unsigned long next = head + static_cast<unsigned long>(written);
+    if (next == mBufferSize) {
+        mHead = 0;
+    } else if (next == tail) {
+        mTail = 0;  // a drained ring starts again at the beginning of its storage
+        mHead = 0;
+    } else {
+        mHead = next;
+    }
+    return true;
+}
+
+// Writes until the ring is empty. waitForRoom paces the tries on a descriptor that takes nothing.
+template <typename WaitForRoom>
+int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
+    int total = 0;
+    ssize_t n = 0;
+    while (WriteSpan(fd, n)) {
+        if (n == 0) return 0;
+        if (n > 0) {
+            total += static_cast<int>(n);
+            LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
+            if (mIsStalledWhileLogOff.exchange(false)) mThreadExitCode = 1;
+            waitForRoom.NoteProgress(fd, IsEmpty());
+            continue;
+        }
+        const int error = errno;
+        if (error == EAGAIN && waitForRoom.Pause(fd)) continue;
+        total = -error;
+        break;
+    }
+    if (total < 0) {
+        mThreadExitCode = total;
+        mIsStalledWhileLogOff = total == -EAGAIN && gLogEnable == 0;
+    }
+    return total;
+}
+
+int CircularBufferExt::Write(int fd) {
+    return WriteAll(fd, RetryPauses());
+}
+
+int CircularBufferExt::Flush(int fd) {
+    const ScopedNonBlocking nonBlocking(fd);
+    const int result = WriteAll(fd, FlushWaits());
+    if (result == -EAGAIN) {
+        LIB_LOGE("%s: flush given up, %lu bytes left", mName, NumBytes());
+    }
+    return result;
+}
+
+void CircularBufferExt::CopyDataToBuffer(const char* src, int len) {
+    const std::lock_guard<std::mutex> lock(mRingMutex);
+    const unsigned long held = NumBytes();
+    const auto count = static_cast<unsigned long>(len);
+    if (held + count > MaxBytes()) {
+        LIB_LOGE("CopyDataToBuffer fail, Please check the code, NumBytes: %d, MaxBytes: %d",
+                 static_cast<int>(held), static_cast<int>(MaxBytes()));
+        return;
+    }
+    const unsigned long tail = mTail;
+    const unsigned long untilEnd = std::min(count, mBufferSize - tail);
+    memcpy(mBuffer + tail, src, untilEnd);
+    memcpy(mBuffer, src + untilEnd, count - untilEnd);
+    mTotalLengthForReadDataWriteToAP += count;
+    mTail = (tail + count) % mBufferSize;
+}

@@ -1,0 +1,9 @@
+// The watcher that publishes the logging switch from its system property.
+#pragma once
+
+// Sets gLogEnable from the property, once, before any other thread exists.
+void ReadLogSwitchAtStart();
+
+// Thread function: polls the property every 10 ms for ever and publishes each change in gLogEnable
+// and gLogEnablePrev, then wakes the relay. The argument is ignored.
+void* ListenerThread(void* unused);

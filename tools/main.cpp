@@ -1,0 +1,58 @@
+// quilltool, the companion program: a simulated modem, a simulated PC tool, log-mask files.
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+#include "tools/subcommand.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+int Run(int argc, char** argv) {
+    CLI::App app{
+        "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, and "
+        "makes log-mask files.",
+        "quilltool"};
+    app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0 success, 1 failure, 2 wrong usage.\n\n"
+        "Example:\n"
+        "  quilltool modem --verbose        in place of the modem\n"
+        "  quilltool probe 192.168.42.129   from the PC, through the daemon\n"
+        "  quilltool mask compile DIAG.list -o DIAG.cfg");
+    const std::vector<Subcommand> subcommands = {AddModemCommand(app), AddProbeCommand(app),
+                                                 AddMaskCommand(app)};
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kExitOk : kExitUsage;
+    }
+    int status = kExitOk;
+    for (const Subcommand& subcommand : subcommands) {
+        if (subcommand.app->parsed()) status = subcommand.run();
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A closed peer shows as EPIPE where it is written to.
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        const int status = Run(argc, argv);
+        if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+        fputs("quilltool: the output could not be written\n", stderr);
+    } catch (const std::exception& error) {
+        fflush(stdout);
+        fprintf(stderr, "quilltool: %s\n", error.what());
+    } catch (...) {
+        fputs("quilltool: unknown failure\n", stderr);
+    }
+    return kExitFailed;
+}

@@ -1,0 +1,42 @@
+// The requests that log-mask files and their lists know by name.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+inline constexpr uint32_t kMaskFileIds = 14;  // equipment ids that the daemon keeps masks for
+
+// Requests without parameters, as a list calls them.
+struct NamedRequest {
+    std::string_view item;
+    std::string_view packet;
+};
+inline constexpr NamedRequest kNamedRequests[] = {
+    {"events on", "\x60\x01"},
+    {"messages on", {"\x7D\x05\x00\x00\xFF\xFF\xFF\xFF", 8}},
+    {"timestamp", "\x1D"},
+};
+
+// The log configuration request that sets the mask of one equipment id.
+struct SetMaskRequest {
+    uint32_t id;
+    uint32_t bits;
+    std::string mask;  // all that follows the bit count; bit k of byte j is item 8j + k
+};
+
+// Whether the daemon takes packet for a set-log-mask request, complete or not.
+bool BeginsSetMask(std::string_view packet);
+
+std::string MakeSetMask(const SetMaskRequest& request);
+
+// Nothing when packet is no set-log-mask request or ends before its mask.
+std::optional<SetMaskRequest> ReadSetMask(std::string_view packet);
+
+// The enabled items that an equipment id can have, ascending; the bit count is not looked at.
+std::vector<uint32_t> EnabledItems(const SetMaskRequest& request);
+
+// "0x117C".
+std::string LogCodeText(uint32_t id, uint32_t item);

@@ -1,0 +1,115 @@
+// The log is read from child processes: see support/log_child.cpp for what each of them does.
+#include <android/log.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <regex>
+#include <set>
+#include <vector>
+
+#include "tests/unit/support/property_dir.h"
+
+namespace {
+
+struct Line {
+    std::string stamp, ids, level, tag, text;
+};
+
+// The lines that a shell script logs, none of them torn. ./child is log_child.
+std::vector<Line> LogOf(const std::string& script) {
+    static const std::regex kHeader(
+        R"(^(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) ([ \d]{4}\d+ [ \d]{4}\d+) ([VDIWEF]) ([a-z]+): )");
+    const PropertyDir properties;
+    const std::string prepare = "cd \"$QUILLOD_PROPERTY_DIR\" && ln -s '" LOG_CHILD "' child && ";
+    EXPECT_EQ(system((prepare + "(" + script + ") 2>out").c_str()), 0) << script;
+    std::vector<Line> lines;
+    std::ifstream out(properties / "out");
+    for (std::string line; std::getline(out, line);) {
+        std::smatch at;
+        EXPECT_TRUE(std::regex_search(line, at, kHeader) && !out.eof()) << line;
+        lines.push_back({at.str(1), at.str(2), at.str(3), at.str(4), at.suffix()});
+    }
+    return lines;
+}
+
+// Local time in the time zone of the children below.
+std::string Now() {
+    char text[32];
+    const time_t local = time(nullptr) - (11 * 60 + 30) * 60;
+    strftime(text, sizeof(text), "%m-%d %H:%M:%S", gmtime(&local));
+    return text;
+}
+
+TEST(Log, EachMessageIsOneLineInItsPlaceAtItsLevel) {
+    const std::string all = "VDIWEFVDIWEF";
+    const std::string x5000(5000, 'x');
+    const struct {
+        const char* name;
+        std::string script, text;
+        std::string levels;  // under the daemon's tag, then under the library's
+    } kRows[] = {
+        {"standard error, twice", "./child 100%s && ./child 100%s", "100%s", all + all},
+        {"pipe, all else closed", "./child x 2>&1 <&- >&- | cat >&2", "x", all},
+        {"file is appended to",
+         "export QUILLOD_LOG_FILE=f; ./child x && ./child x 2>&- && cat f >&2", "x", all + all},
+        {"file cannot be opened", "QUILLOD_LOG_FILE=none/log ./child x", "x", all},
+        {"newlines become blanks, but not at the end", "./child '\na\n\n'", " a", all},
+        {"cut to 4096 bytes", "./child " + x5000, x5000, all},
+        {"own level", "echo I >log.tag.quillod; echo F >log.tag; ./child x", "x", "IWEFF"},
+        {"silent", "echo S >log.tag.quillod; echo DEBUG >log.tag; ./child x", "x", "DIWEF"},
+        {"unset", ": >log.tag.quillod; echo s >log.tag.libquillod; echo E >log.tag; ./child x", "x",
+         "EFEF"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const std::string before = Now();
+        std::string levels;
+        for (const Line& line : LogOf("export TZ=WEST+11:30; " + row.script)) {
+            const std::string header = line.stamp + " " + line.ids + " D " + line.tag + ": ";
+            EXPECT_EQ(line.text, row.text.substr(0, 4095 - header.size()));
+            EXPECT_TRUE(before <= line.stamp && line.stamp <= Now() + ".999") << line.stamp;
+            levels += line.level;
+        }
+        EXPECT_EQ(levels, row.levels);
+    }
+}
+
+TEST(Log, LevelIsLookedUpOnceASecond) {
+    const PropertyDir properties;
+    const auto loggable = [] { return __android_log_is_loggable(ANDROID_LOG_FATAL, "once", 0); };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(loggable(), 1);
+    std::ofstream(properties / "log.tag") << "S";
+    while (loggable() == 1) {
+    }
+    EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
+}
+
+TEST(Log, LinesOfThreadsAndHandlersStayWhole) {
+    std::set<std::string> threads;
+    for (const Line& line : LogOf("./child storm 2>&1 | cat >&2")) {
+        EXPECT_EQ(line.text, line.ids);
+        threads.insert(line.ids);
+    }
+    EXPECT_EQ(threads.size(), 2U);
+}
+
+TEST(Log, FullChannelDropsLinesAndBrokenOneSilences) {
+    const PropertyDir properties;
+    const auto runOver = [](bool socket) {
+        int ends[2];
+        const int failed = socket ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends)
+                                  : pipe2(ends, O_CLOEXEC);
+        if (failed != 0 || dup2(ends[0], STDIN_FILENO) < 0 || dup2(ends[1], STDERR_FILENO) < 0)
+            return;
+        execl(LOG_CHILD, LOG_CHILD, "fill-and-break", nullptr);
+    };
+    EXPECT_EXIT(runOver(false), testing::ExitedWithCode(0), "") << "pipe";
+    EXPECT_EXIT(runOver(true), testing::ExitedWithCode(0), "") << "socket";
+}
+
+}  // namespace

@@ -66,6 +66,15 @@ void tc_cmn_drv_route_ftm_hdlc_encode(unsigned char* source, unsigned char* dest
     *destinationLen = static_cast<unsigned int>(out - destination);
 }
 
+int EncodeFrame(const char* packet, int len, char (&framed)[kDiagAreaSize]) {
+    unsigned int framedLen = sizeof(framed) - 1;
+    // The encoder only reads its source.
+    auto* source = reinterpret_cast<unsigned char*>(const_cast<char*>(packet));
+    tc_cmn_drv_route_ftm_hdlc_encode(source, reinterpret_cast<unsigned char*>(framed),
+                                     static_cast<unsigned int>(len), &framedLen);
+    return static_cast<int>(framedLen);
+}
+
 int HdlcUnescape(char* buffer, int len) {
     if (buffer == nullptr || len < 1) {
         LIB_LOGE(" Enter remove_escape fun, but parameters are invalid");

@@ -22,6 +22,10 @@ extern const uint16_t tc_cmn_drv_route_crc_ccitt_table[256];
 void tc_cmn_drv_route_ftm_hdlc_encode(unsigned char* source, unsigned char* destination,
                                       unsigned int sourceLen, unsigned int* destinationLen);
 
+// Frames packet[0, len), len at most kDiagAreaSize, into an area; a frame that does not fit is cut
+// short. Returns the framed length, at most kDiagAreaSize - 1.
+int EncodeFrame(const char* packet, int len, char (&framed)[kDiagAreaSize]);
+
 // Un-escapes the frame in buffer[0, len) in place, up to and including its 0x7E, and clears what is
 // left of buffer[0, len]: the buffer must hold len + 1 bytes, len at most kDiagAreaSize. An escape
 // byte at the very end is dropped. Returns the un-escaped length, or -1 on a null buffer or a

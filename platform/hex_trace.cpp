@@ -6,18 +6,18 @@ namespace {
 
 constexpr int kBytesPerRow = 20;
 constexpr int kFirstBytes = 60;
-constexpr int kLongestWhole = 200;
 
 void TraceRow(const char* data, int len) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
     char row[3 * kBytesPerRow];
+    char* out = row;
     for (int i = 0; i < len; ++i) {
         const auto byte = static_cast<unsigned char>(data[i]);
-        row[3 * i] = kDigits[byte >> 4];
-        row[3 * i + 1] = kDigits[byte & 0x0F];
-        row[3 * i + 2] = ' ';
+        *out++ = kDigits[byte >> 4];
+        *out++ = kDigits[byte & 0x0F];
+        *out++ = ' ';
     }
-    row[3 * len - 1] = '\0';
+    out[-1] = '\0';
     LIB_LOGD("%s", row);
 }
 
@@ -31,8 +31,8 @@ void HexTrace(const char* data, int len) {
     }
 }
 
-void HexTraceEnds(const char* data, int len, int lastCount) {
-    if (len <= kLongestWhole) {
+void HexTraceEnds(const char* data, int len, int lastCount, int longestWhole) {
+    if (len <= longestWhole) {
         HexTrace(data, len);
         return;
     }

@@ -5,6 +5,6 @@
 // separated by single blanks. Formats nothing while DEBUG is off. Any thread.
 void HexTrace(const char* data, int len);
 
-// As HexTrace up to 200 bytes; of more only the first 60 and the last lastCount, in rows of their
-// own.
-void HexTraceEnds(const char* data, int len, int lastCount = 40);
+// As HexTrace up to longestWhole bytes; of more only the first 60 and the last lastCount, in rows
+// of their own.
+void HexTraceEnds(const char* data, int len, int lastCount = 40, int longestWhole = 200);

@@ -1,0 +1,91 @@
+// The modem's log masks: programmed from a log-mask file, switched off again.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+#include "diag/hdlc.h"
+
+// Equipment ids 0 to 13 have log masks; ids above are passed on but not kept.
+inline constexpr int kEquipmentIds = 14;
+
+// The one object that programs the modem's logging, and keeps what capture needs of it: the
+// set-log-mask commands of the files loaded, whether there was any, and the modem's last time-stamp
+// reply. Lives as long as the process. Relay thread only, but for IsLogPacketEnable (any thread).
+//
+// Every send and read goes to the descriptor recorded last, which the caller owns. On a descriptor
+// in blocking mode the waits are bounded in sum by StartWaitBudget.
+class LogMask {
+  public:
+    static LogMask* GetInstance();
+
+    // Records the connection's modem port, or -1 when it has none.
+    void SetDiagFd(int fd) { mDiagFd = fd; }
+
+    // Allows the following sends and reads to wait so long, in sum, for a modem that takes or
+    // answers nothing. Once it is used up they go on without waiting.
+    void StartWaitBudget(std::chrono::milliseconds budget) { mWaitBudget = budget; }
+
+    // Sends the requests of the log-mask file that the property selects to fd and records fd. With
+    // readReplies each request is followed by one read of its reply, which is not relayed. Returns
+    // 1, also when nothing could be sent.
+    int DiagMask(int& fd, int readReplies);
+
+    // DiagMask for the file at path. Returns 1 when the file was read, else -1.
+    int DiagMaskRead(int& fd, const char* path, int readReplies);
+
+    // Keeps the set-log-mask command framed in [begin, end), end just past its 0x7E, at most
+    // kDiagAreaSize bytes. Returns 1, or 0 on null pointers.
+    int ParseSetLogMask(const char* begin, const char* end);
+
+    // Logs the log codes that the framed command enables and returns their number, or -1 on null
+    // pointers.
+    int CountOfLogPacket(const char* begin, const char* end);
+
+    // Sends one frame whole. Returns 1, or -1 with an error line.
+    int DiagDataSend(const char* data, int len);
+
+    // Reads once, up to kDiagAreaSize bytes, and keeps what begins like a time-stamp reply. Returns
+    // the bytes read or -1.
+    int DiagDataRead();
+
+    // Switches the modem's logs, messages and events off. With readReplies one reply is read and
+    // traced after each of the three requests. Returns 1.
+    int DisableLog(int readReplies);
+
+    // Reads once and traces what was read. Returns the bytes read or -1.
+    int DiagDataReadForDisableLog();
+
+    // Whether a set-log-mask command was ever loaded.
+    bool IsLogPacketEnable() const { return mLogPacketEnable; }
+
+    // Copies the last time-stamp reply, as read, into out: all of it when it fits into room bytes,
+    // otherwise as many of its whole frames as fit. Returns the bytes copied, 0 when there is none.
+    int GetTimeStamp(char* out, int room) const;
+
+    // Copies the stored set-log-mask command of an equipment id (0 to 13), un-escaped and without
+    // check sequence and 0x7E. Returns its length, or 0 when there is none or it is not shorter
+    // than maxLen bytes.
+    int GetSetLogMaskDiagCmd(char* out, int equipmentId, int maxLen) const;
+
+    // HdlcUnescape, as the log-mask interception calls it.
+    static int RemoveEscape(char* buffer, int len) { return HdlcUnescape(buffer, len); }
+
+  private:
+    LogMask() = default;
+
+    void SendMaskFrame(const char* frame, int len, int readReplies);
+    int WriteWithinBudget(const char* data, int len);
+    int ReadOnce(char (&area)[kDiagAreaSize]);
+    bool WaitFor(short events);
+
+    char mMaskFile[501] = {};  // path last given to DiagMaskRead
+    char mSetLogMaskCmd[kEquipmentIds][kDiagAreaSize] = {};
+    int32_t mSetLogMaskCmdLen[kEquipmentIds] = {};  // bytes; 0: none
+    int32_t mDiagFd = 0;
+    std::atomic<bool> mLogPacketEnable{false};  // never cleared
+    char mTimeStamp[kDiagAreaSize] = {};
+    int32_t mTimeStampLen = 0;                // bytes
+    std::chrono::nanoseconds mWaitBudget{0};  // what is left of it
+};

@@ -1,0 +1,129 @@
+#include "capture/pool_buffer.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "capture/log_files.h"
+#include "platform/tagged_log.h"
+
+PoolBuffer::PoolBuffer() {
+    LIB_LOGD("PoolBuffer init start");
+    for (int i = 0; i < kSlots; ++i) {
+        mBuffer[i] = static_cast<char*>(malloc(kSlotSize));
+        if (mBuffer[i] == nullptr) {
+            LIB_LOGE("PoolBuffer init i=%d fail", i);
+        } else {
+            mHasSlots = true;
+        }
+    }
+    mThreadRuns = pthread_create(&mThread, nullptr, ThreadStart, this) == 0;
+}
+
+PoolBuffer::~PoolBuffer() {
+    LIB_LOGD("PoolBuffer deinit start");
+    Exit();
+    Join();
+    for (char* slot : mBuffer)
+        free(slot);
+}
+
+// Whether there is anywhere to put data; says so once when there is not.
+bool PoolBuffer::IsStorable() {
+    if (mThreadRuns && mHasSlots) return true;
+    if (!mSaidUnstorable) LIB_LOGE("PoolBuffer: no writer thread or no memory, nothing is stored");
+    mSaidUnstorable = true;
+    return false;
+}
+
+// Waits until the pool is not full. False when exit was requested.
+bool PoolBuffer::WaitForSpace(std::unique_lock<std::mutex>& lock) {
+    if (mExit == 1) return false;
+    if (!IsFull()) return true;
+    LIB_LOGE("PoolBuffer: Read wait cond");
+    mSpaceCond.wait(lock, [this] { return !IsFull() || mExit == 1; });
+    return mExit == 0;
+}
+
+// Makes mReadIndex name a slot with room for len bytes. False when exit was requested.
+bool PoolBuffer::FindSlot(std::unique_lock<std::mutex>& lock, int len) {
+    while (mBuffer[mReadIndex] == nullptr || mLength[mReadIndex] + len > kSlotSize) {
+        if (IsFull() && !WaitForSpace(lock)) return false;
+        mReadIndex = Next(mReadIndex);
+        mDataCond.notify_one();
+    }
+    return true;
+}
+
+int PoolBuffer::Read(const char* data, int len) {
+    if (!IsStorable()) return 0;
+    std::unique_lock<std::mutex> lock(mIndexMutex);
+    if (!WaitForSpace(lock)) return 0;
+    if (len > kSlotSize) {
+        LIB_LOGE("PoolBuffer: Read too long, length =%d", len);
+        len = kSlotSize;
+    }
+    if (!FindSlot(lock, len)) return 0;
+    const int slot = mReadIndex;  // only this thread moves it
+    lock.unlock();
+    memcpy(mBuffer[slot] + mLength[slot], data, static_cast<size_t>(len));
+    mLength[slot] += len;
+    return len;
+}
+
+int PoolBuffer::Exit() {
+    LIB_LOGD("PoolBuffer Exit");
+    const std::lock_guard<std::mutex> lock(mIndexMutex);
+    mExit = 1;
+    mDataCond.notify_one();
+    mSpaceCond.notify_one();
+    return 0;
+}
+
+void PoolBuffer::Join() {
+    if (!mThreadRuns) return;
+    pthread_join(mThread, nullptr);
+    mThreadRuns = false;
+}
+
+void PoolBuffer::LogToDevice(const char* data, int len) {
+    StoreInLogFile(data, len);
+}
+
+void* PoolBuffer::ThreadStart(void* pool) {
+    static_cast<PoolBuffer*>(pool)->WriteThread();
+    return nullptr;
+}
+
+void PoolBuffer::StoreSlot(int index) {
+    if (mLength[index] == 0) return;
+    LogToDevice(mBuffer[index], mLength[index]);
+    mLength[index] = 0;
+}
+
+// Stores full slots as they come, until exit was requested and none is left.
+void PoolBuffer::StoreFullSlots() {
+    std::unique_lock<std::mutex> lock(mIndexMutex);
+    for (;;) {
+        mDataCond.wait(lock, [this] { return mReadIndex != mWriteIndex || mExit == 1; });
+        if (mReadIndex == mWriteIndex) return;
+        lock.unlock();
+        StoreSlot(mWriteIndex);  // only this thread moves mWriteIndex
+        lock.lock();
+        mWriteIndex = Next(mWriteIndex);
+        mSpaceCond.notify_one();
+    }
+}
+
+void PoolBuffer::WriteThread() {
+    OpenRecordFile();
+    StoreFullSlots();
+    LIB_LOGD("PoolBuffer: thread stop");
+    StoreSlot(mReadIndex);
+    LIB_LOGD("PoolBuffer: exit write file=%s,size=%d", LogFilePath(),
+             static_cast<int>(LogFileSize()));
+    for (char*& slot : mBuffer) {
+        free(slot);
+        slot = nullptr;
+    }
+    CloseLogFiles();
+}

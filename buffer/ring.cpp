@@ -11,6 +11,7 @@
 #include "buffer/circular_buffer_ext.h"
 #include "daemon/log_switch.h"
 #include "diag/diag_commands.h"
+#include "diag/hdlc.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -22,6 +23,7 @@ constexpr int kRetryPauseMs = 2;
 constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
 // A socket is reported writable only when a third of its buffer is free, but takes bytes before.
 constexpr int kFlushTryIntervalMs = 50;
+constexpr auto kFrameEndLimit = std::chrono::milliseconds(20);
 
 // Returns whether fd became writable, or failed, within timeoutMs.
 bool WaitWritable(int fd, int timeoutMs) {
@@ -109,21 +111,46 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mName(name),
       mHead(0),
       mTail(0),
+      mEndsOnFrame(true),
       mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
       mReadFd(readFd),
       mWriteFd(writeFd),
-      mTotalLengthForReadDataWriteToAP(0) {
+      mIsWholePakcetRead(true),
+      mIsPrevWholePacketRead(true),
+      mCurrentCmdCode(-1),
+      mRunStart(nullptr),
+      mIsToolLogPiece(false),
+      mIsResponseIntercepted(false),
+      m73CmdResponseBufferCurrentLength(0),
+      mIsCurrentLogMaskCmdResponseNotCopyAgain(false),
+      mPoolBuffer(nullptr),
+      mLogMask(LogMask::GetInstance()),
+      mTotalLengthForReadDataFromBP(0),
+      mTotalLengthForSavedToFlash(0),
+      mTotalLengthForReadDataWriteToAP(0),
+      mTotalLengthForLogDataWriteToAp(0),
+      mIsCurrentConfigLogMask(0),
+      mLogEnableAtStart(gLogEnable),
+      mProcessThread(),
+      mIsProcessThreadJoinable(false),
+      mIsReadThreadExit(0),
+      mIsProcessReadThreadExit(0),
+      mBlocks(),
+      mBlockSizes(),
+      mReadIndex(0),
+      mWriteIndex(0),
+      mStop(0),
+      mIsWriteRequested(false) {
+    ResetLogPacket();
+    if (mIsDataFromBP) StartPool();
     LIB_LOGD("%s: CircularBufferExt init start", mName);
+    if (mIsDataFromBP) StartProcessing();
 }
 
 unsigned long CircularBufferExt::NumBytes() const {
     const unsigned long head = mHead;
     const unsigned long tail = mTail;
     return tail >= head ? tail - head : tail - head + mBufferSize;
-}
-
-bool CircularBufferExt::IsDataFromBPAndLogEnable() const {
-    return mIsDataFromBP && mHasProcessThread && gLogEnable == 1;
 }
 
 unsigned long CircularBufferExt::FreeSpanAtTail() const {
@@ -146,12 +173,27 @@ ssize_t CircularBufferExt::ReadSpan(int fd) {
             at[4] = static_cast<char>(kDisarmedHdlcDisableByte);
         }
     }
+    if (mIsDataFromBP) NoteRawBytes(at[n - 1]);
     const unsigned long tail = mTail + static_cast<unsigned long>(n);
     mTail = tail == mBufferSize ? 0 : tail;
     return n;
 }
 
 int CircularBufferExt::Read(int fd) {
+    pthread_mutex_lock(&gLogEnableMutex);
+    const int32_t logEnable = gLogEnable;
+    pthread_mutex_unlock(&gLogEnableMutex);
+    if (logEnable == 0) return ReadDirect(fd);
+    return mIsDataFromBP ? ReadVersionForThread() : ReadExt(fd);
+}
+
+// Capture off: straight into the ring.
+int CircularBufferExt::ReadDirect(int fd) {
+    if (mIsDataFromBP) {
+        // What was queued before the switch went off is older than what is read now.
+        if (!WaitForEmptyQueue()) return -EIO;
+        ReleaseHeld();
+    }
     int total = 0;
     while (!IsFull()) {
         const ssize_t n = ReadSpan(fd);
@@ -163,17 +205,38 @@ int CircularBufferExt::Read(int fd) {
     return total;
 }
 
-// One write of the contiguous span at mHead. Returns false when the ring is empty; otherwise
-// written is what write returned, with errno.
-bool CircularBufferExt::WriteSpan(int fd, ssize_t& written) {
+// Capture on, from the tool: through the splitter.
+int CircularBufferExt::ReadExt(int fd) {
+    const unsigned long room = MaxBytes() - NumBytes();
+    char scratch[kDiagAreaSize];
+    unsigned long got = 0;
+    int result = 0;
+    while (got < room) {
+        const ssize_t n = read(fd, scratch + got, room - got);
+        if (n <= 0) {
+            result = n == 0 ? 0 : -errno;
+            break;
+        }
+        got += static_cast<unsigned long>(n);
+        mTotalLengthForReadDataFromBP += static_cast<uint64_t>(n);
+        if (got == room) result = static_cast<int>(got);
+    }
+    if (got > 0) ParseReadData(scratch, scratch + got);
+    return result;
+}
+
+// One write of the contiguous span at mHead, at most limit bytes. Returns false when the ring is
+// empty; otherwise written is what write returned, with errno.
+bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit) {
     const std::lock_guard<std::mutex> lock(mRingMutex);
     const unsigned long head = mHead;
     const unsigned long tail = mTail;
     if (head == tail) return false;
-    const unsigned long span = (tail > head ? tail : mBufferSize) - head;
+    const unsigned long span = std::min(limit, (tail > head ? tail : mBufferSize) - head);
     written = write(fd, mBuffer + head, span);
     if (written <= 0) return true;
     const unsigned long next = head + static_cast<unsigned long>(written);
+    mEndsOnFrame = static_cast<unsigned char>(mBuffer[next - 1]) == kHdlcFlag;
     if (next == mBufferSize) {
         mHead = 0;
     } else if (next == tail) {
@@ -190,7 +253,7 @@ template <typename WaitForRoom>
 int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
     int total = 0;
     ssize_t n = 0;
-    while (WriteSpan(fd, n)) {
+    while (WriteSpan(fd, n, mBufferSize)) {
         if (n == 0) return 0;
         if (n > 0) {
             total += static_cast<int>(n);
@@ -222,6 +285,34 @@ int CircularBufferExt::Flush(int fd) {
         LIB_LOGE("%s: flush given up, %lu bytes left", mName, NumBytes());
     }
     return result;
+}
+
+// Bytes in the ring up to and including its last 0x7E.
+unsigned long CircularBufferExt::BytesOfWholeFrames() {
+    const std::lock_guard<std::mutex> lock(mRingMutex);
+    unsigned long count = NumBytes();
+    while (count > 0) {
+        const char last = mBuffer[(mHead + count - 1) % mBufferSize];
+        if (static_cast<unsigned char>(last) == kHdlcFlag) break;
+        --count;
+    }
+    return count;
+}
+
+bool CircularBufferExt::WriteWholeFrames(int fd) {
+    const auto deadline = Clock::now() + kFrameEndLimit;
+    unsigned long left = BytesOfWholeFrames();
+    ssize_t n = 0;
+    while (left > 0 && WriteSpan(fd, n, left)) {
+        if (n > 0) {
+            left -= static_cast<unsigned long>(n);
+            continue;
+        }
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (n == 0 || errno != EAGAIN || wait.count() <= 0) break;
+        WaitWritable(fd, static_cast<int>(wait.count()));
+    }
+    return mEndsOnFrame;
 }
 
 void CircularBufferExt::CopyDataToBuffer(const char* src, int len) {

@@ -10,21 +10,68 @@
 
 #include "buffer/circular_buffer_ext.h"
 #include "daemon/link_monitor.h"
+#include "daemon/log_switch.h"
 #include "daemon/relay_wakeup.h"
 #include "daemon/set_blocking.h"
+#include "diag/hdlc.h"
+#include "logmask/log_mask.h"
 #include "platform/tagged_log.h"
 #include "relay/transfer_buffer.h"
+
+// Set before main runs, so that everything finds it.
+LogMask* const gLogMaskInstance = LogMask::GetInstance();
 
 namespace {
 
 constexpr useconds_t kStartPauseUs = 4000;
+constexpr useconds_t kReconfigurePauseUs = 20000;
+
+// How long, in sum, a modem that takes or answers nothing holds a connection's start and its end.
+constexpr std::chrono::milliseconds kStartWaitBudget(2000);
+constexpr std::chrono::milliseconds kEndWaitBudget(1000);
+
+// The last connection ended within a frame of its tool.
+bool gModemIsWithinFrame = false;
+
+// Ends the frame that the modem is in, so that no request of the daemon's becomes a part of it.
+void EndFrameAtModem() {
+    static constexpr char kFlag = static_cast<char>(kHdlcFlag);
+    gLogMaskInstance->DiagDataSend(&kFlag, 1);
+}
+
+// Brings the modem's logging in line with the switch at the start of a connection. Returns the
+// switch as acted on.
+int32_t AlignModemLogging(int& bpFd) {
+    gLogMaskInstance->SetDiagFd(bpFd);
+    gLogMaskInstance->StartWaitBudget(kStartWaitBudget);
+    const int32_t logEnable = gLogEnable;
+    if (logEnable == 0 && gLogEnablePrev == 0) return logEnable;
+    if (logEnable == 0) {
+        LIB_LOGD("gLogEnablePrev:%d, force disable log again", gLogEnablePrev.load());
+    }
+    set_blocking(bpFd, true);
+    if (gModemIsWithinFrame && bpFd != -1) {
+        EndFrameAtModem();
+        gModemIsWithinFrame = false;
+    }
+    if (logEnable != 0) {
+        gLogMaskInstance->DiagMask(bpFd, 1);
+    } else {
+        gLogMaskInstance->DisableLog(1);
+    }
+    set_blocking(bpFd, false);
+    if (logEnable == 0) gLogEnablePrev = 0;
+    return logEnable;
+}
 
 // One connection. Relay thread only.
 class Connection {
   public:
-    Connection(int apFd, int bpFd, int netlinkFd, unsigned long bufferSize)
+    // logEnable: the logging switch as last acted on.
+    Connection(int apFd, int bpFd, int netlinkFd, unsigned long bufferSize, int32_t logEnable)
         : mApFd(apFd),
           mBpFd(bpFd),
+          mLastLogEnable(logEnable),
           mNetlinkFd(netlinkFd),
           mToModemStorage(new char[bufferSize]),
           mToToolStorage(new char[bufferSize]),
@@ -35,11 +82,14 @@ class Connection {
     int TearDown();
 
   private:
+    int32_t FollowSwitch();
+    bool HasBufferFailed() const;
     bool HandleReady();
     bool IsLinkRemoved();
 
     int mApFd;  // tool's socket, -1 when there is none or it has been closed
     int mBpFd;  // modem port, likewise
+    int32_t mLastLogEnable;
     const int mNetlinkFd;
     const std::unique_ptr<char[]> mToModemStorage;
     const std::unique_ptr<char[]> mToToolStorage;
@@ -66,6 +116,10 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
         mToModemEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
         mToToolEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
 
+        if (FollowSwitch() != 0 && HasBufferFailed()) {
+            LIB_LOGE("Thread Read/Write Error, Exit");
+            return;
+        }
         const int n = select(maxFd + 1, &mReadSet, &mWriteSet, &mExceptSet,
                              timeout != nullptr ? &interval : nullptr);
         if (n == -1) {
@@ -80,6 +134,35 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
             if (timeoutCallback != nullptr) timeoutCallback(callbackArg);
         }
     }
+}
+
+// Reprograms or disables the modem's logging when the switch moved since it was last acted on.
+// Returns the latest reading of the switch.
+int32_t Connection::FollowSwitch() {
+    int32_t logEnable = gLogEnable;
+    if (logEnable == mLastLogEnable) return logEnable;
+    LIB_LOGE("begin gLogEnable:%d", logEnable);
+    mToTool.SetConfigLogMaskStaus(1);
+    mToModem.SetConfigLogMaskStaus(1);
+    logEnable = gLogEnable;
+    if (!mToModem.WriteWholeFrames(mBpFd)) EndFrameAtModem();
+    if (logEnable != 0) {
+        gLogMaskInstance->DiagMask(mBpFd, 0);
+    } else {
+        const int status = gLogMaskInstance->DisableLog(0);
+        LIB_LOGE("end, and status:%d", status);
+    }
+    usleep(kReconfigurePauseUs);
+    mToTool.SetConfigLogMaskStaus(0);
+    mToModem.SetConfigLogMaskStaus(0);
+    mLastLogEnable = logEnable;
+    logEnable = gLogEnable;
+    LIB_LOGE("end gLogEnable:%d", logEnable);
+    return logEnable;
+}
+
+bool Connection::HasBufferFailed() const {
+    return mToModem.ThreadExitCode() < 0 || mToTool.ThreadExitCode() < 0;
 }
 
 // Serves what select reported. False when the connection ends.
@@ -105,13 +188,24 @@ int Connection::TearDown() {
     if (mBpFd != -1) {
         set_blocking(mBpFd, true);
         mToModem.Flush(mBpFd);
+        gModemIsWithinFrame = !mToModem.EndsOnFrame();
+        if (gLogEnable != 0) {
+            gLogMaskInstance->StartWaitBudget(kEndWaitBudget);
+            if (gModemIsWithinFrame) EndFrameAtModem();
+            gModemIsWithinFrame = false;
+            gLogMaskInstance->DisableLog(1);
+        }
         set_blocking(mBpFd, false);
+    }
+    mToTool.CloseProcess();
+    if (mBpFd != -1) {
         close(mBpFd);
         mBpFd = -1;
     }
     if (mApFd == -1) return -1;
     set_blocking(mApFd, true);
     mToTool.Flush(mApFd);
+    mToModem.CloseProcess();
     const int result = close(mApFd);
     mApFd = -1;
     return result;
@@ -122,7 +216,8 @@ int Connection::TearDown() {
 int transfer_bidirectional_and_close(int ap_fd, int bp_fd, int netlink_fd,
                                      unsigned long buffer_size, const timeval* timeout,
                                      void (*timeout_callback)(void*), void* callback_arg) {
-    Connection connection(ap_fd, bp_fd, netlink_fd, buffer_size);
+    const int32_t logEnable = AlignModemLogging(bp_fd);
+    Connection connection(ap_fd, bp_fd, netlink_fd, buffer_size, logEnable);
     usleep(kStartPauseUs);
     connection.Relay(timeout, timeout_callback, callback_arg);
     return connection.TearDown();

@@ -47,8 +47,11 @@ bool TransferBuffer::HandleRead() {
 
 bool TransferBuffer::HandleWrite() {
     if (mCircularBuffer.IsEmpty()) return true;
-    // The processing thread writes this direction to the tool itself.
-    if (mCircularBuffer.IsDataFromBPAndLogEnable()) return true;
+    if (mCircularBuffer.IsDataFromBPAndLogEnable()) {
+        // The processing thread writes this direction itself; the bytes may be older than capture.
+        mCircularBuffer.RequestWrite();
+        return true;
+    }
     const int count = mCircularBuffer.Write(mWriteFd);
     // It may have emptied the ring in between: nothing left to write is no end.
     if (count == 0 && mCircularBuffer.IsEmpty()) return true;

@@ -25,7 +25,10 @@ class Ring {
         : storage(size),
           readFd(source.near),
           writeFd(sink.near),
-          buffer(storage.data(), size, name, readFd, writeFd) {}
+          buffer(storage.data(), size, name, readFd, writeFd) {
+        LogMask::GetInstance()->SetDiagFd(-1);
+    }
+    ~Ring() { buffer.CloseProcess(); }
 
     int Feed(const std::string& bytes) {
         WriteAll(source.far, bytes);

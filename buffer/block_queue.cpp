@@ -1,0 +1,75 @@
+// The block queue: the modem's bytes on their way from the relay thread to the processing thread.
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "buffer/circular_buffer_ext.h"
+#include "platform/tagged_log.h"
+
+namespace {
+
+// A modem that never pauses must not hold the relay thread: the tool's requests, the switch and the
+// link are served between the calls.
+constexpr int kBlocksPerCall = 16;
+
+}  // namespace
+
+// Waits until the block at mReadIndex can be filled. False when it never will be: on stop, or when
+// the processing thread has ended.
+bool CircularBufferExt::WaitForFreeBlock() {
+    std::unique_lock<std::mutex> lock(mIndexMutex);
+    if (NextBlock(mReadIndex) != mWriteIndex) return true;
+    LIB_LOGE("%s, CircularBufferExt: Read wait cond as buffer is FULL ", mName);
+    mSpaceCond.wait(lock, [this] {
+        return NextBlock(mReadIndex) != mWriteIndex || mStop != 0 || mIsProcessReadThreadExit != 0;
+    });
+    return mStop == 0 && mIsProcessReadThreadExit == 0;
+}
+
+// Waits until all queued blocks have been handled. False when the processing thread ended before.
+bool CircularBufferExt::WaitForEmptyQueue() {
+    std::unique_lock<std::mutex> lock(mIndexMutex);
+    mSpaceCond.wait(lock,
+                    [this] { return mReadIndex == mWriteIndex || mIsProcessReadThreadExit != 0; });
+    return mReadIndex == mWriteIndex;
+}
+
+// Hands the block at mReadIndex, filled with len bytes, to the processing thread.
+void CircularBufferExt::QueueBlock(int len) {
+    mBlockSizes[mReadIndex] = len;
+    LIB_LOGD("%s: Current size: %d for index: %d", mName, len, mReadIndex);
+    const std::lock_guard<std::mutex> lock(mIndexMutex);
+    mReadIndex = NextBlock(mReadIndex);
+    mDataCond.notify_one();
+}
+
+// The modem port cannot be read: the relay learns of it through mThreadExitCode.
+int CircularBufferExt::FailRead(int error) {
+    constexpr int kResult = -1;
+    LIB_LOGE("length: %d, errno: %d", kResult, error);
+    mThreadExitCode = kResult;
+    LIB_LOGE("Exit ReadThread");
+    LIB_LOGE("%s, CircularBufferExt: ReadThread mThreadExitCode =%d  \n", mName, kResult);
+    return 1;
+}
+
+// Capture on, from the modem: into the block queue.
+int CircularBufferExt::ReadVersionForThread() {
+    int total = 0;
+    for (int taken = 0; taken < kBlocksPerCall; ++taken) {
+        if (!WaitForFreeBlock()) return 1;
+        // Only this thread moves mReadIndex.
+        char* const block = mBlocks[mReadIndex];
+        if (block == nullptr) return FailRead(ENOMEM);
+        const auto n = static_cast<int>(read(mReadFd, block, kBlockSize - 1));
+        if (n == 0) return 0;
+        if (n < 0) return errno == EAGAIN ? total : FailRead(errno);
+        if (mIsCurrentConfigLogMask != 0) {
+            LIB_LOGD("%s: mIsCurrentConfigLogMask: %d, continue", mName, mIsCurrentConfigLogMask);
+            continue;
+        }
+        total += n;
+        QueueBlock(n);
+    }
+    return total;
+}

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -36,7 +37,7 @@ class CircularBufferExt {
     CircularBufferExt& operator=(const CircularBufferExt&) = delete;
 
     // Bytes held. One byte of the storage always stays free: at most size - 1.
-    unsigned long NumBytes() const;
+    unsigned long NumBytes() const { return mNumBytes; }
     bool IsEmpty() const { return NumBytes() == 0; }
     bool IsFull() const { return NumBytes() >= MaxBytes(); }
 
@@ -58,12 +59,19 @@ class CircularBufferExt {
     // blocking mode, but gives up after 700 ms without progress and then returns -EAGAIN.
     int Flush(int fd);
 
-    // Writes to fd, which must not block, what the ring holds up to its last 0x7E; waits up to 20
-    // ms for fd. Returns EndsOnFrame. Relay thread; takes mRingMutex, but not while it waits.
-    bool WriteWholeFrames(int fd);
+    // Writes to fd, which must not block, what the ring holds up to its last 0x7E; waits for fd
+    // until the deadline. Returns EndsOnFrame. Relay thread; takes mRingMutex, but not while it
+    // waits.
+    bool WriteWholeFrames(int fd, std::chrono::steady_clock::time_point deadline);
+
+    // Puts one 0x7E before all that the ring holds, if there is room.
+    void PutFrameEndFirst();
 
     // Whether the last byte written was a 0x7E, or none was written yet.
     bool EndsOnFrame() const { return mEndsOnFrame; }
+
+    // Says what the last byte at the modem was when it was not written by this buffer.
+    void SetEndsOnFrame(bool endsOnFrame) { mEndsOnFrame = endsOnFrame; }
 
     // Appends len bytes to the ring or, when they do not fit, drops them all with an error line.
     // Any thread; takes mRingMutex.
@@ -106,6 +114,7 @@ class CircularBufferExt {
     bool WriteSpan(int fd, ssize_t& written, unsigned long limit);
     template <typename WaitForRoom>
     int WriteAll(int fd, WaitForRoom waitForRoom);
+    void ForgetStall();
     unsigned long BytesOfWholeFrames();
 
     // buffer/block_queue
@@ -190,9 +199,10 @@ class CircularBufferExt {
     char* const mBuffer;              // content; mRingMutex
     const unsigned long mBufferSize;  // bytes
     const char* const mName;
-    std::atomic<unsigned long> mHead;  // oldest byte not yet written out; changed under mRingMutex
-    std::atomic<unsigned long> mTail;  // where the next byte goes; changed under mRingMutex
-    std::atomic<bool> mEndsOnFrame;    // last byte written was 0x7E, or none was
+    unsigned long mHead;                   // oldest byte not yet written out; mRingMutex
+    unsigned long mTail;                   // where the next byte goes; mRingMutex
+    std::atomic<unsigned long> mNumBytes;  // from mHead to mTail; changed under mRingMutex
+    std::atomic<bool> mEndsOnFrame;        // last byte written was 0x7E, or none was
     const bool mIsDataFromBP;
     int& mReadFd;
     int& mWriteFd;

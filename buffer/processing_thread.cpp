@@ -71,11 +71,14 @@ void CircularBufferExt::ProcessReadDataThread() {
         // Only this thread moves mWriteIndex.
         if (work == Work::kBlock) ProcessBlock(mWriteIndex);
         if (!IsEmpty()) Write(mWriteFd);
-        if (mThreadExitCode <= 0) {
+        const int exitCode = mThreadExitCode;
+        if (exitCode <= 0) {
             LIB_LOGE("CircularBufferExt: Exit ProcessReadDataThread");
             LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread mThreadExitCode =%d  \n", mName,
-                     mThreadExitCode.load());
+                     exitCode);
             EndProcessing();
+            mThreadExitCode = exitCode;  // the relay may have forgotten a stall meanwhile
+            WakeRelay();
             return;
         }
         if (work == Work::kBlock) FreeBlock();
@@ -111,12 +114,9 @@ void CircularBufferExt::FreeBlock() {
 
 // The last act of the processing thread; nobody may go on waiting for it.
 void CircularBufferExt::EndProcessing() {
-    {
-        const std::lock_guard<std::mutex> lock(mIndexMutex);
-        mIsProcessReadThreadExit = 1;
-        mSpaceCond.notify_one();
-    }
-    WakeRelay();
+    const std::lock_guard<std::mutex> lock(mIndexMutex);
+    mIsProcessReadThreadExit = 1;
+    mSpaceCond.notify_one();
 }
 
 void CircularBufferExt::RequestWrite() {

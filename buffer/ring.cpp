@@ -23,7 +23,6 @@ constexpr int kRetryPauseMs = 2;
 constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
 // A socket is reported writable only when a third of its buffer is free, but takes bytes before.
 constexpr int kFlushTryIntervalMs = 50;
-constexpr auto kFrameEndLimit = std::chrono::milliseconds(20);
 
 // Returns whether fd became writable, or failed, within timeoutMs.
 bool WaitWritable(int fd, int timeoutMs) {
@@ -37,7 +36,7 @@ class RetryPauses {
     // Pauses before the next try; false when the tries are used up.
     bool Pause(int fd) {
         LIB_LOGE("write error, try again,retry_count: %d", mRetries);
-        if (mRetries >= kWriteRetries) return false;
+        if (mRetries + mShortWrites >= kWriteRetries) return false;
         // Ready, but took nothing all the same: its readiness is no reason to try sooner.
         if (mWasReady) mTrustsReadiness = false;
         mWasReady = mTrustsReadiness && WaitWritable(fd, kRetryPauseMs);
@@ -49,11 +48,15 @@ class RetryPauses {
     // fd took bytes. When it did not take all, it is full: the next try would be in vain so soon.
     void NoteProgress(int fd, bool tookAll) {
         mTrustsReadiness = true;
-        mWasReady = !tookAll && WaitWritable(fd, kRetryPauseMs);
+        mWasReady = false;
+        if (tookAll || mRetries + mShortWrites >= kWriteRetries) return;
+        ++mShortWrites;
+        mWasReady = WaitWritable(fd, kRetryPauseMs);
     }
 
   private:
     int mRetries = 0;
+    int mShortWrites = 0;  // waited for like a retry, in sum no longer
     bool mWasReady = false;
     bool mTrustsReadiness = true;
 };
@@ -111,6 +114,7 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mName(name),
       mHead(0),
       mTail(0),
+      mNumBytes(0),
       mEndsOnFrame(true),
       mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
       mReadFd(readFd),
@@ -147,17 +151,9 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
     if (mIsDataFromBP) StartProcessing();
 }
 
-unsigned long CircularBufferExt::NumBytes() const {
-    const unsigned long head = mHead;
-    const unsigned long tail = mTail;
-    return tail >= head ? tail - head : tail - head + mBufferSize;
-}
-
 unsigned long CircularBufferExt::FreeSpanAtTail() const {
-    const unsigned long head = mHead;
-    const unsigned long tail = mTail;
-    if (tail < head) return head - 1 - tail;
-    return mBufferSize - tail - (head == 0 ? 1 : 0);
+    if (mTail < mHead) return mHead - 1 - mTail;
+    return mBufferSize - mTail - (mHead == 0 ? 1 : 0);
 }
 
 // One read into the free span at mTail. Returns what read returned, with errno.
@@ -174,8 +170,9 @@ ssize_t CircularBufferExt::ReadSpan(int fd) {
         }
     }
     if (mIsDataFromBP) NoteRawBytes(at[n - 1]);
-    const unsigned long tail = mTail + static_cast<unsigned long>(n);
-    mTail = tail == mBufferSize ? 0 : tail;
+    mTail += static_cast<unsigned long>(n);
+    if (mTail == mBufferSize) mTail = 0;
+    mNumBytes += static_cast<unsigned long>(n);
     return n;
 }
 
@@ -202,13 +199,15 @@ int CircularBufferExt::ReadDirect(int fd) {
         total += static_cast<int>(n);
         LIB_LOGD("%s: read %d bytes:", mName, static_cast<int>(n));
     }
-    return total;
+    // What was released may have filled the ring: no end of the stream.
+    return total > 0 ? total : -EAGAIN;
 }
 
 // Capture on, from the tool: through the splitter.
 int CircularBufferExt::ReadExt(int fd) {
-    const unsigned long room = MaxBytes() - NumBytes();
     char scratch[kDiagAreaSize];
+    const unsigned long room =
+        std::min<unsigned long>(MaxBytes() - NumBytes(), sizeof(scratch) - 1);
     unsigned long got = 0;
     int result = 0;
     while (got < room) {
@@ -229,23 +228,26 @@ int CircularBufferExt::ReadExt(int fd) {
 // empty; otherwise written is what write returned, with errno.
 bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit) {
     const std::lock_guard<std::mutex> lock(mRingMutex);
-    const unsigned long head = mHead;
-    const unsigned long tail = mTail;
-    if (head == tail) return false;
-    const unsigned long span = std::min(limit, (tail > head ? tail : mBufferSize) - head);
-    written = write(fd, mBuffer + head, span);
+    if (mNumBytes == 0) return false;
+    const unsigned long span = std::min(limit, (mTail > mHead ? mTail : mBufferSize) - mHead);
+    written = write(fd, mBuffer + mHead, span);
     if (written <= 0) return true;
-    const unsigned long next = head + static_cast<unsigned long>(written);
-    mEndsOnFrame = static_cast<unsigned char>(mBuffer[next - 1]) == kHdlcFlag;
-    if (next == mBufferSize) {
+    mHead += static_cast<unsigned long>(written);
+    mEndsOnFrame = static_cast<unsigned char>(mBuffer[mHead - 1]) == kHdlcFlag;
+    mNumBytes -= static_cast<unsigned long>(written);
+    if (mHead == mBufferSize) {
         mHead = 0;
-    } else if (next == tail) {
-        mTail = 0;  // a drained ring starts again at the beginning of its storage
-        mHead = 0;
-    } else {
-        mHead = next;
+    } else if (mHead == mTail) {
+        mHead = mTail = 0;  // a drained ring starts again at the beginning of its storage
     }
     return true;
+}
+
+// A stall is over. It is not forgotten once the processing thread has ended, perhaps for it.
+void CircularBufferExt::ForgetStall() {
+    int stall = -EAGAIN;
+    if (!mThreadExitCode.compare_exchange_strong(stall, 1)) return;
+    if (mIsProcessReadThreadExit != 0) mThreadExitCode = -EAGAIN;
 }
 
 // Writes until the ring is empty. waitForRoom paces the tries on a descriptor that takes nothing.
@@ -258,7 +260,7 @@ int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
         if (n > 0) {
             total += static_cast<int>(n);
             LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
-            if (mIsStalledWhileLogOff.exchange(false)) mThreadExitCode = 1;
+            if (mIsStalledWhileLogOff.exchange(false)) ForgetStall();
             waitForRoom.NoteProgress(fd, IsEmpty());
             continue;
         }
@@ -299,12 +301,12 @@ unsigned long CircularBufferExt::BytesOfWholeFrames() {
     return count;
 }
 
-bool CircularBufferExt::WriteWholeFrames(int fd) {
-    const auto deadline = Clock::now() + kFrameEndLimit;
+bool CircularBufferExt::WriteWholeFrames(int fd, std::chrono::steady_clock::time_point deadline) {
     unsigned long left = BytesOfWholeFrames();
     ssize_t n = 0;
     while (left > 0 && WriteSpan(fd, n, left)) {
         if (n > 0) {
+            LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
             left -= static_cast<unsigned long>(n);
             continue;
         }
@@ -313,6 +315,14 @@ bool CircularBufferExt::WriteWholeFrames(int fd) {
         WaitWritable(fd, static_cast<int>(wait.count()));
     }
     return mEndsOnFrame;
+}
+
+void CircularBufferExt::PutFrameEndFirst() {
+    const std::lock_guard<std::mutex> lock(mRingMutex);
+    if (mNumBytes == MaxBytes()) return;
+    mHead = (mHead == 0 ? mBufferSize : mHead) - 1;
+    mBuffer[mHead] = static_cast<char>(kHdlcFlag);
+    ++mNumBytes;
 }
 
 void CircularBufferExt::CopyDataToBuffer(const char* src, int len) {
@@ -324,10 +334,10 @@ void CircularBufferExt::CopyDataToBuffer(const char* src, int len) {
                  static_cast<int>(held), static_cast<int>(MaxBytes()));
         return;
     }
-    const unsigned long tail = mTail;
-    const unsigned long untilEnd = std::min(count, mBufferSize - tail);
-    memcpy(mBuffer + tail, src, untilEnd);
+    const unsigned long untilEnd = std::min(count, mBufferSize - mTail);
+    memcpy(mBuffer + mTail, src, untilEnd);
     memcpy(mBuffer, src + untilEnd, count - untilEnd);
     mTotalLengthForReadDataWriteToAP += count;
-    mTail = (tail + count) % mBufferSize;
+    mTail = (mTail + count) % mBufferSize;
+    mNumBytes += count;
 }

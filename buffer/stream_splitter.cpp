@@ -104,7 +104,11 @@ void CircularBufferExt::RoutePiece(char* start, char* end, char* last) {
             CollectResponse(start, len);
         }
     }
-    if (!mIsCurrentLogMaskCmdResponseNotCopyAgain) CopyDataToBuffer(start, len);
+    if (mCurrentCmdCode == kLogConfig && !mIsCurrentLogMaskCmdResponseNotCopyAgain) {
+        CopyInPieces(start, len);  // it may follow a collection that was given up
+    } else if (!mIsCurrentLogMaskCmdResponseNotCopyAgain) {
+        CopyDataToBuffer(start, len);
+    }
     FlushRun(start);
     if (mCurrentCmdCode == kLogConfig && isOver) EndResponse();
 }
@@ -125,6 +129,8 @@ void CircularBufferExt::ForwardLogPiece(const char* start, int len) {
 // Hands the flash run, which ends just before end, to the pool.
 void CircularBufferExt::FlushRun(const char* end) {
     if (mRunStart == nullptr) return;
+    // The tool's share does not wait for the flash.
+    if (!IsEmpty() && !mPoolBuffer->HasSpace()) Write(mWriteFd);
     const int taken = mPoolBuffer->Read(mRunStart, static_cast<int>(end - mRunStart));
     mTotalLengthForSavedToFlash += static_cast<uint64_t>(taken);
     mRunStart = nullptr;

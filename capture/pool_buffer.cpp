@@ -70,6 +70,11 @@ int PoolBuffer::Read(const char* data, int len) {
     return len;
 }
 
+bool PoolBuffer::HasSpace() {
+    const std::lock_guard<std::mutex> lock(mIndexMutex);
+    return !IsFull();
+}
+
 int PoolBuffer::Exit() {
     LIB_LOGD("PoolBuffer Exit");
     const std::lock_guard<std::mutex> lock(mIndexMutex);

@@ -26,6 +26,9 @@ class PoolBuffer {
     // Returns the bytes taken, or 0 once exit was requested or when nothing can be stored.
     int Read(const char* data, int len);
 
+    // Whether Read would take data without waiting. Producer's thread.
+    bool HasSpace();
+
     // Asks the writer thread to store what is queued and to end. Returns 0.
     int Exit();
 

@@ -126,7 +126,10 @@ class Listener {
     void FollowLink() {
         const int event = handle_netlink_socket_event(mNetlinkFd);
         if (event == NETLINK_UTIL_SOCKET_UPDATE_USBLAN_REMOVED) {
-            if (mListenFd != -1) ShutDownAndClose(mListenFd);
+            if (mListenFd != -1) {
+                FD_CLR(mListenFd, &mReadSet);
+                ShutDownAndClose(mListenFd);
+            }
             mListenFd = -1;
             mMaxFd = mNetlinkFd;
         } else if (event == NETLINK_UTIL_SOCKET_UPDATE_USBLAN_AVAILABLE && mListenFd == -1) {

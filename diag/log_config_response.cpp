@@ -86,7 +86,8 @@ int CircularBufferExt::AnswerTool(const char* packet, int len, int readLen,
 int CircularBufferExt::ParseAPSetLogMaskResponse(char* start, char* end) {
     const auto readLen = static_cast<int>(end - start + 1);
     CheckStatus(start, readLen);
-    char reply[kDiagAreaSize + kStatusSize] = {};
+    char reply[kDiagAreaSize + kStatusSize];
+    memset(reply, 0, kStatusAt + kStatusSize);
     int len = 0;
     {
         const std::lock_guard<std::mutex> lock(msRequestMutex);

@@ -17,6 +17,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSendTries = 5;
 constexpr useconds_t kSendRetryPauseUs = 5000;
+constexpr char kFlag = static_cast<char>(kHdlcFlag);
 constexpr unsigned char kTimeStampReply = 0x1D;  // DIAG time stamp
 
 bool IsBlocking(int fd) {
@@ -26,16 +27,20 @@ bool IsBlocking(int fd) {
 
 }  // namespace
 
-// Waits for the port as far as the budget allows. Returns whether it is ready, or has failed.
+// Waits for the port as far as the budget allows; a wait that ran out is taken off it. Returns
+// whether the port is ready, or has failed.
 bool LogMask::WaitFor(short events) {
-    const auto start = Clock::now();
-    timespec limit = {};
-    limit.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(mWaitBudget).count();
-    limit.tv_nsec = (mWaitBudget % std::chrono::seconds(1)).count();
-    pollfd entry = {mDiagFd, events, 0};
-    const bool ready = ppoll(&entry, 1, &limit, nullptr) > 0;
-    mWaitBudget -= std::min<std::chrono::nanoseconds>(mWaitBudget, Clock::now() - start);
-    return ready;
+    const auto deadline = Clock::now() + mWaitBudget;
+    int ready = 0;
+    do {
+        const auto left = std::max<Clock::duration>(deadline - Clock::now(), Clock::duration(0));
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+        const timespec limit = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
+        pollfd entry = {mDiagFd, events, 0};
+        ready = ppoll(&entry, 1, &limit, nullptr);
+    } while (ready < 0 && errno == EINTR);
+    if (ready == 0) mWaitBudget = std::chrono::nanoseconds(0);
+    return ready > 0;
 }
 
 // Writes as a port in blocking mode would, but only as long as the wait budget lasts. Returns the
@@ -65,10 +70,17 @@ int LogMask::DiagDataSend(const char* data, int len) {
         LIB_LOGE("Paras is invalid, please check ");
         return -1;
     }
+    if (mIsWithinFrame && data[0] != kFlag && SendFrame(&kFlag, 1) == -1) return -1;
+    return SendFrame(data, len);
+}
+
+// Tries to send one frame. Returns 1, or -1 with an error line.
+int LogMask::SendFrame(const char* data, int len) {
     const bool blocking = IsBlocking(mDiagFd);
     for (int attempt = 0; attempt < kSendTries; ++attempt) {
         const int n = blocking ? WriteWithinBudget(data, len)
                                : static_cast<int>(write(mDiagFd, data, static_cast<size_t>(len)));
+        if (n > 0) mIsWithinFrame = data[n - 1] != kFlag;
         if (n == len) return 1;
         if (n >= 0) {
             LIB_LOGE(" Failed to write FTM, Only wrote %d bytes", n);

@@ -21,10 +21,16 @@ class LogMask {
     static LogMask* GetInstance();
 
     // Records the connection's modem port, or -1 when it has none.
-    void SetDiagFd(int fd) { mDiagFd = fd; }
+    void SetDiagFd(int fd) {
+        mDiagFd = fd;
+        mIsWithinFrame = false;
+    }
 
-    // Allows the following sends and reads to wait so long, in sum, for a modem that takes or
-    // answers nothing. Once it is used up they go on without waiting.
+    // Whether the last request was cut: the port took a part of it only.
+    bool IsWithinFrame() const { return mIsWithinFrame; }
+
+    // Allows the following sends and reads to wait so long for a modem that takes or answers
+    // nothing. Once one of them has waited in vain, all go on without waiting.
     void StartWaitBudget(std::chrono::milliseconds budget) { mWaitBudget = budget; }
 
     // Sends the requests of the log-mask file that the property selects to fd and records fd. With
@@ -43,7 +49,8 @@ class LogMask {
     // pointers.
     int CountOfLogPacket(const char* begin, const char* end);
 
-    // Sends one frame whole. Returns 1, or -1 with an error line.
+    // Sends one frame whole, after a 0x7E when the frame before was cut. Returns 1, or -1 with an
+    // error line.
     int DiagDataSend(const char* data, int len);
 
     // Reads once, up to kDiagAreaSize bytes, and keeps what begins like a time-stamp reply. Returns
@@ -77,6 +84,7 @@ class LogMask {
 
     void SendMaskFrame(const char* frame, int len, int readReplies);
     int WriteWithinBudget(const char* data, int len);
+    int SendFrame(const char* data, int len);
     int ReadOnce(char (&area)[kDiagAreaSize]);
     bool WaitFor(short events);
 
@@ -84,6 +92,7 @@ class LogMask {
     char mSetLogMaskCmd[kEquipmentIds][kDiagAreaSize] = {};
     int32_t mSetLogMaskCmdLen[kEquipmentIds] = {};  // bytes; 0: none
     int32_t mDiagFd = 0;
+    bool mIsWithinFrame = false;                // the last frame sent was cut
     std::atomic<bool> mLogPacketEnable{false};  // never cleared
     char mTimeStamp[kDiagAreaSize] = {};
     int32_t mTimeStampLen = 0;                // bytes

@@ -1,10 +1,12 @@
 #include "relay/transfer_bidirectional.h"
 
+#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 
@@ -25,13 +27,14 @@ namespace {
 
 constexpr useconds_t kStartPauseUs = 4000;
 constexpr useconds_t kReconfigurePauseUs = 20000;
+constexpr std::chrono::milliseconds kFrameEndLimit(20);
 
 // How long, in sum, a modem that takes or answers nothing holds a connection's start and its end.
 constexpr std::chrono::milliseconds kStartWaitBudget(2000);
 constexpr std::chrono::milliseconds kEndWaitBudget(1000);
 
-// The last connection ended within a frame of its tool.
-bool gModemIsWithinFrame = false;
+// Whether the last byte that the last connection sent to the modem was a 0x7E, or there was none.
+bool gModemEndsOnFrame = true;
 
 // Ends the frame that the modem is in, so that no request of the daemon's becomes a part of it.
 void EndFrameAtModem() {
@@ -50,9 +53,9 @@ int32_t AlignModemLogging(int& bpFd) {
         LIB_LOGD("gLogEnablePrev:%d, force disable log again", gLogEnablePrev.load());
     }
     set_blocking(bpFd, true);
-    if (gModemIsWithinFrame && bpFd != -1) {
+    if (!gModemEndsOnFrame && bpFd != -1) {
         EndFrameAtModem();
-        gModemIsWithinFrame = false;
+        gModemEndsOnFrame = true;
     }
     if (logEnable != 0) {
         gLogMaskInstance->DiagMask(bpFd, 1);
@@ -76,13 +79,17 @@ class Connection {
           mToModemStorage(new char[bufferSize]),
           mToToolStorage(new char[bufferSize]),
           mToModem(mToModemStorage.get(), bufferSize, "AP --> BP", mApFd, mBpFd),
-          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd) {}
+          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd) {
+        mToModem.SetEndsOnFrame(gModemEndsOnFrame);
+        if (gLogMaskInstance->IsWithinFrame()) mToModem.PutFrameEndFirst();
+    }
 
     void Relay(const timeval* timeout, void (*timeoutCallback)(void*), void* callbackArg);
     int TearDown();
 
   private:
     int32_t FollowSwitch();
+    void EndToolFrame();
     bool HasBufferFailed() const;
     bool HandleReady();
     bool IsLinkRemoved();
@@ -136,6 +143,22 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
     }
 }
 
+// Gives the tool a moment to complete a frame that the modem has begun to get; then ends it.
+void Connection::EndToolFrame() {
+    const auto deadline = std::chrono::steady_clock::now() + kFrameEndLimit;
+    while (!mToModem.WriteWholeFrames(mBpFd, deadline)) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd entry = {mApFd, POLLIN, 0};
+        if (left.count() <= 0 || mToModem.IsFull()) break;
+        if (poll(&entry, 1, static_cast<int>(left.count())) <= 0) break;
+        // What ends the stream shows again in the next pass.
+        const int n = mToModem.Read(mApFd);
+        if (n <= 0 && n != -EAGAIN) break;
+    }
+    if (!mToModem.EndsOnFrame()) EndFrameAtModem();
+}
+
 // Reprograms or disables the modem's logging when the switch moved since it was last acted on.
 // Returns the latest reading of the switch.
 int32_t Connection::FollowSwitch() {
@@ -145,7 +168,7 @@ int32_t Connection::FollowSwitch() {
     mToTool.SetConfigLogMaskStaus(1);
     mToModem.SetConfigLogMaskStaus(1);
     logEnable = gLogEnable;
-    if (!mToModem.WriteWholeFrames(mBpFd)) EndFrameAtModem();
+    EndToolFrame();
     if (logEnable != 0) {
         gLogMaskInstance->DiagMask(mBpFd, 0);
     } else {
@@ -153,6 +176,8 @@ int32_t Connection::FollowSwitch() {
         LIB_LOGE("end, and status:%d", status);
     }
     usleep(kReconfigurePauseUs);
+    mToModem.SetEndsOnFrame(true);
+    if (gLogMaskInstance->IsWithinFrame()) mToModem.PutFrameEndFirst();
     mToTool.SetConfigLogMaskStaus(0);
     mToModem.SetConfigLogMaskStaus(0);
     mLastLogEnable = logEnable;
@@ -188,12 +213,12 @@ int Connection::TearDown() {
     if (mBpFd != -1) {
         set_blocking(mBpFd, true);
         mToModem.Flush(mBpFd);
-        gModemIsWithinFrame = !mToModem.EndsOnFrame();
+        gModemEndsOnFrame = mToModem.EndsOnFrame();
         if (gLogEnable != 0) {
             gLogMaskInstance->StartWaitBudget(kEndWaitBudget);
-            if (gModemIsWithinFrame) EndFrameAtModem();
-            gModemIsWithinFrame = false;
+            if (!gModemEndsOnFrame) EndFrameAtModem();
             gLogMaskInstance->DisableLog(1);
+            gModemEndsOnFrame = !gLogMaskInstance->IsWithinFrame();
         }
         set_blocking(mBpFd, false);
     }

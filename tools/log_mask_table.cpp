@@ -11,7 +11,7 @@ bool IsSet(const LogMaskTable::Row& row, uint32_t item) {
 void LogMaskTable::Set(uint32_t id, uint32_t bits, std::string_view bytes) {
     mRows[id] = {bits, std::string(bytes)};
     mEnabledCodes.clear();
-    for (uint32_t equipment = 0; equipment < kEquipmentIds; ++equipment) {
+    for (uint32_t equipment = 0; equipment < kModemEquipmentIds; ++equipment) {
         const Row& row = mRows[equipment];
         for (uint32_t item = 0; item < row.bits; ++item) {
             if (IsSet(row, item)) {
@@ -22,7 +22,7 @@ void LogMaskTable::Set(uint32_t id, uint32_t bits, std::string_view bytes) {
 }
 
 void LogMaskTable::Clear() {
-    for (uint32_t id = 0; id < kEquipmentIds; ++id) {
+    for (uint32_t id = 0; id < kModemEquipmentIds; ++id) {
         const uint32_t bits = kLogItemCounts[id];
         mRows[id] = {bits, std::string(LogMaskBytes(bits), '\0')};
     }
@@ -30,13 +30,13 @@ void LogMaskTable::Clear() {
 }
 
 std::string LogMaskTable::Summary() const {
-    std::array<uint32_t, kEquipmentIds> counts{};
+    std::array<uint32_t, kModemEquipmentIds> counts{};
     for (const uint16_t code : mEnabledCodes) {
         ++counts[code >> 12];
     }
 
     std::string text;
-    for (uint32_t id = 0; id < kEquipmentIds; ++id) {
+    for (uint32_t id = 0; id < kModemEquipmentIds; ++id) {
         if (counts[id] == 0) continue;
         if (!text.empty()) text += ", ";
         text += "id " + std::to_string(id) + ": " + std::to_string(counts[id]) +

@@ -7,11 +7,11 @@
 #include <string_view>
 #include <vector>
 
-inline constexpr uint32_t kEquipmentIds = 16;
+inline constexpr uint32_t kModemEquipmentIds = 16;
 inline constexpr uint32_t kItemsPerEquipment = 4096;  // a log code has 12 bits for the item
 
 // The modem's number of log items per equipment id, 0 where it has none.
-inline constexpr std::array<uint32_t, kEquipmentIds> kLogItemCounts = {
+inline constexpr std::array<uint32_t, kModemEquipmentIds> kLogItemCounts = {
     0, 0x0FFF, 0, 0, 0x0910, 0x0860, 0, 0x0A70, 0, 0, 0, 0x0A00, 0, 0, 0, 0};
 
 // Bytes of a mask of so many bits.
@@ -29,14 +29,14 @@ class LogMaskTable {
     // Starts cleared.
     LogMaskTable() { Clear(); }
 
-    // Replaces the mask of id (below kEquipmentIds) by bits (at most kItemsPerEquipment) bits;
+    // Replaces the mask of id (below kModemEquipmentIds) by bits (at most kItemsPerEquipment) bits;
     // bytes has exactly LogMaskBytes(bits) of them.
     void Set(uint32_t id, uint32_t bits, std::string_view bytes);
 
     // Every mask as wide as the modem's number of items, nothing enabled.
     void Clear();
 
-    // The mask of id, below kEquipmentIds.
+    // The mask of id, below kModemEquipmentIds.
     const Row& row(uint32_t id) const { return mRows[id]; }
 
     // All enabled log codes in ascending order.
@@ -46,6 +46,6 @@ class LogMaskTable {
     std::string Summary() const;
 
   private:
-    std::array<Row, kEquipmentIds> mRows;
+    std::array<Row, kModemEquipmentIds> mRows;
     std::vector<uint16_t> mEnabledCodes;  // follows mRows
 };

@@ -177,7 +177,7 @@ void SimModem::HandleLogConfig(std::string_view request) {
         case kLogConfigGetMask: {
             if (request.size() < 12) return AnswerBad(request);
             const uint32_t id = ReadLe32(&request[8]);
-            const bool known = id < kEquipmentIds;
+            const bool known = id < kModemEquipmentIds;
             std::string packet = LogConfigAnswer(operation, known ? kStatusOk : kStatusFailed);
             AppendMask(packet, id, known ? mMasks.row(id) : LogMaskTable::Row{0, ""});
             Answer(packet);
@@ -193,7 +193,7 @@ void SimModem::HandleSetMask(std::string_view request) {
     if (request.size() < kMaskAt) return AnswerBad(request);
     const uint32_t id = ReadLe32(&request[8]);
     const uint32_t bits = ReadLe32(&request[12]);
-    if (id >= kEquipmentIds || bits > kItemsPerEquipment) {
+    if (id >= kModemEquipmentIds || bits > kItemsPerEquipment) {
         std::string packet = LogConfigAnswer(kLogConfigSetMask, kStatusFailed);
         AppendMask(packet, id, {0, ""});
         Answer(packet);

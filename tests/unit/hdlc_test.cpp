@@ -11,10 +11,9 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The frame in an area of this capacity; the bytes behind it must stay as they were.
-Bytes Encode(Bytes payload, size_t capacity) {
-    Bytes area(capacity + 4, 0xAA);
-    auto len = static_cast<unsigned int>(capacity);
+// The frame in an area of len bytes; the bytes behind it must stay as they were.
+Bytes Encode(Bytes payload, unsigned int len) {
+    Bytes area(len + 4, 0xAA);
     payload.reserve(1);  // data() of an empty vector may be null
     tc_cmn_drv_route_ftm_hdlc_encode(payload.data(), area.data(),
                                      static_cast<unsigned int>(payload.size()), &len);
@@ -58,9 +57,9 @@ TEST(HdlcEncode, KnownFramesAtEveryCapacity) {
          {0x73, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0x7D, 0x5E, 0x7D, 0x5D, 0xA7, 0xA8, 0x7E}},
     };
     for (const auto& [payload, frame] : kRows) {
-        for (size_t capacity = 0; capacity < frame.size() + 2; ++capacity) {
+        for (unsigned int capacity = 0; capacity < frame.size() + 2; ++capacity) {
             Bytes expected = frame;
-            expected.resize(std::min(capacity, expected.size()));
+            expected.resize(std::min<size_t>(capacity, expected.size()));
             if (!expected.empty() && expected.back() == 0x7D) expected.pop_back();
             EXPECT_EQ(Encode(payload, capacity), expected) << capacity;
         }

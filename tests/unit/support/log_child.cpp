@@ -46,17 +46,18 @@ int FillAndBreak(int reader, int writer) {
     };
     const auto readAll = [reader] {
         std::string log(1 << 20, '\0');
-        if (read(reader, log.data(), log.size()) < 0) return ptrdiff_t{-1};
+        if (read(reader, log.data(), log.size()) < 0) log.clear();
         return std::count(log.begin(), log.end(), '\n');
     };
     signal(SIGPIPE, LogIds);
+    errno = EXDEV;
     const int written = write(3000);
-    if (written < 20 || written == 3000 || readAll() != written) return 20;
+    if (errno != EXDEV || written < 20 || written == 3000 || readAll() != written) return 20;
     if (write(1) != 1 || readAll() != 1) return 21;
     if ((fcntl(writer, F_GETFL) & O_NONBLOCK) != 0) return 22;
     close(reader);
-    errno = EXDEV;
-    return write(3) == 0 && gSignals == 0 && errno == EXDEV ? 0 : 23;
+    if (write(3) != 0 || gSignals != 0) return 23;
+    return __android_log_is_loggable(ANDROID_LOG_FATAL, "child", 0) == 0 ? 0 : 24;
 }
 
 }  // namespace

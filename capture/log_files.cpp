@@ -73,9 +73,13 @@ void CloseLogFile() {
 // Makes fd_dev the file to store in. Returns whether there is one.
 bool HaveLogFile() {
     struct stat status = {};
-    // Nothing goes into a file that nobody can find any more.
-    if (fd_dev >= 0 && fstat(fd_dev, &status) == 0 && status.st_nlink == 0) CloseLogFile();
-    if (fd_dev < 0) OpenLogFile();
+    if (fd_dev >= 0) {
+        errno = 0;
+        if (fstat(fd_dev, &status) != 0) return false;
+        if (status.st_nlink != 0) return true;
+        CloseLogFile();  // removed: nothing goes into a file that nobody can find any more
+    }
+    OpenLogFile();
     errno = 0;
     return fstat(fd_dev, &status) == 0;
 }

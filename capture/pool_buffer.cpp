@@ -1,10 +1,22 @@
 #include "capture/pool_buffer.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
 #include "capture/log_files.h"
 #include "platform/tagged_log.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// While flash is fast, a producer that waits is woken for several slots at once: waking it for each
+// costs more than storing one. As it waits, more slots are full, so the writer comes to that.
+constexpr auto kSlowStore = std::chrono::milliseconds(1);
+constexpr int kSlotsPerWakeup = 24;
+
+}  // namespace
 
 PoolBuffer::PoolBuffer() {
     LIB_LOGD("PoolBuffer init start");
@@ -112,10 +124,12 @@ void PoolBuffer::StoreFullSlots() {
         mDataCond.wait(lock, [this] { return mReadIndex != mWriteIndex || mExit == 1; });
         if (mReadIndex == mWriteIndex) return;
         lock.unlock();
+        const auto start = Clock::now();
         StoreSlot(mWriteIndex);  // only this thread moves mWriteIndex
+        const bool isSlow = Clock::now() - start >= kSlowStore;
         lock.lock();
         mWriteIndex = Next(mWriteIndex);
-        mSpaceCond.notify_one();
+        if (isSlow || FreeSlots() >= kSlotsPerWakeup) mSpaceCond.notify_one();
     }
 }
 

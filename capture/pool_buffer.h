@@ -45,6 +45,7 @@ class PoolBuffer {
     static void* ThreadStart(void* pool);
     static int Next(int index) { return index == kSlots - 1 ? 0 : index + 1; }
     bool IsFull() const { return Next(mReadIndex) == mWriteIndex; }
+    int FreeSlots() const { return (mWriteIndex - mReadIndex - 1 + kSlots) % kSlots; }
     bool IsStorable();
     bool WaitForSpace(std::unique_lock<std::mutex>& lock);
     bool FindSlot(std::unique_lock<std::mutex>& lock, int len);

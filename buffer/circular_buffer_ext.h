@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "buffer/edge_waiter.h"
 #include "diag/hdlc.h"
 #include "logmask/log_mask.h"
 
@@ -206,6 +207,7 @@ class CircularBufferExt {
     const bool mIsDataFromBP;
     int& mReadFd;
     int& mWriteFd;
+    EdgeWaiter mWriteRoom;  // of mWriteFd
 
     // The splitter's state. It belongs to the processing thread while blocks are queued, otherwise
     // to the relay thread; mIndexMutex hands it over.

@@ -33,6 +33,8 @@ bool WaitWritable(int fd, int timeoutMs) {
 // The pauses of one Write on a descriptor that takes nothing.
 class RetryPauses {
   public:
+    explicit RetryPauses(EdgeWaiter& room) : mRoom(room) {}
+
     // Pauses before the next try; false when the tries are used up.
     bool Pause(int fd) {
         LIB_LOGE("write error, try again,retry_count: %d", mRetries);
@@ -51,10 +53,11 @@ class RetryPauses {
         mWasReady = false;
         if (tookAll || mRetries + mShortWrites >= kWriteRetries) return;
         ++mShortWrites;
-        mWasReady = WaitWritable(fd, kRetryPauseMs);
+        mWasReady = mRoom.WaitWritable(fd, kRetryPauseMs);
     }
 
   private:
+    EdgeWaiter& mRoom;
     int mRetries = 0;
     int mShortWrites = 0;  // waited for like a retry, in sum no longer
     bool mWasReady = false;
@@ -277,7 +280,7 @@ int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
 }
 
 int CircularBufferExt::Write(int fd) {
-    return WriteAll(fd, RetryPauses());
+    return WriteAll(fd, RetryPauses(mWriteRoom));
 }
 
 int CircularBufferExt::Flush(int fd) {

@@ -153,7 +153,7 @@ class CircularBufferExt {
     void CollectResponse(const char* start, int len);
     void EndResponse();
     void ReleaseResponse();
-    void CopyInPieces(const char* src, int len);
+    void CopyToTool(const char* src, int len);
     void PassRaw(const char* data, int len);
     void ReleaseHeld();
     void NoteRawBytes(char last);

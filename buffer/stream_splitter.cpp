@@ -104,11 +104,7 @@ void CircularBufferExt::RoutePiece(char* start, char* end, char* last) {
             CollectResponse(start, len);
         }
     }
-    if (mCurrentCmdCode == kLogConfig && !mIsCurrentLogMaskCmdResponseNotCopyAgain) {
-        CopyInPieces(start, len);  // it may follow a collection that was given up
-    } else if (!mIsCurrentLogMaskCmdResponseNotCopyAgain) {
-        CopyDataToBuffer(start, len);
-    }
+    if (!mIsCurrentLogMaskCmdResponseNotCopyAgain) CopyToTool(start, len);
     FlushRun(start);
     if (mCurrentCmdCode == kLogConfig && isOver) EndResponse();
 }
@@ -117,12 +113,12 @@ void CircularBufferExt::RoutePiece(char* start, char* end, char* last) {
 void CircularBufferExt::ForwardLogPiece(const char* start, int len) {
     if (mLogPacketBufferCurrentLength > 0) {
         const int held = mLogPacketBufferCurrentLength;
-        CopyDataToBuffer(mLogPacketBuffer, held);
+        CopyToTool(mLogPacketBuffer, held);
         mTotalLengthForLogDataWriteToAp += static_cast<uint64_t>(held);
         LIB_LOGD("Copy mLogPacketBuffer to Buffer, mLogPacketBufferCurrentLength: %d", held);
         mLogPacketBufferCurrentLength = 0;
     }
-    CopyDataToBuffer(start, len);
+    CopyToTool(start, len);
     mTotalLengthForLogDataWriteToAp += static_cast<uint64_t>(len);
 }
 
@@ -166,28 +162,27 @@ void CircularBufferExt::EndResponse() {
 void CircularBufferExt::ReleaseResponse() {
     const int held = m73CmdResponseBufferCurrentLength;
     mTotalLengthForReadDataWriteToAP -= static_cast<uint64_t>(held);  // counted when collected
-    CopyInPieces(m73CmdResponseBuffer, held);
+    CopyToTool(m73CmdResponseBuffer, held);
     m73CmdResponseBufferCurrentLength = 0;
     mIsCurrentLogMaskCmdResponseNotCopyAgain = false;
 }
 
-// Appends more than the ring may have room for, writing it out in between.
-void CircularBufferExt::CopyInPieces(const char* src, int len) {
-    while (len > 0) {
-        if (IsFull() && Write(mWriteFd) <= 0) break;
-        const int piece = std::min(len, static_cast<int>(MaxBytes() - NumBytes()));
-        CopyDataToBuffer(src, piece);
-        src += piece;
-        len -= piece;
+// Appends the tool's share, at most kDiagAreaSize bytes, writing the ring out when it has no room
+// behind a long answer.
+void CircularBufferExt::CopyToTool(const char* src, int len) {
+    while (NumBytes() + static_cast<unsigned long>(len) > MaxBytes() && !IsEmpty()) {
+        if (Write(mWriteFd) <= 0) break;
     }
-    if (len > 0) CopyDataToBuffer(src, len);  // does not fit: says so
+    const int piece = std::min(len, static_cast<int>(MaxBytes()));
+    CopyDataToBuffer(src, piece);
+    if (piece < len) CopyToTool(src + piece, len - piece);
 }
 
 // Sends a block to the tool as it is, after what was held back for it.
 void CircularBufferExt::PassRaw(const char* data, int len) {
     ReleaseHeld();
     if (len == 0) return;
-    CopyInPieces(data, len);
+    CopyToTool(data, len);
     NoteRawBytes(data[len - 1]);
 }
 
@@ -196,7 +191,7 @@ void CircularBufferExt::ReleaseHeld() {
     if (m73CmdResponseBufferCurrentLength > 0) ReleaseResponse();
     if (mLogPacketBufferCurrentLength > 0) {
         const int held = mLogPacketBufferCurrentLength;
-        CopyInPieces(mLogPacketBuffer, held);
+        CopyToTool(mLogPacketBuffer, held);
         mTotalLengthForLogDataWriteToAp += static_cast<uint64_t>(held);
     }
     ResetLogPacket();

@@ -65,7 +65,7 @@ int CircularBufferExt::Parse73CmdResponse(char* start, char* end) {
             break;
         default:
             mIsCurrentLogMaskCmdResponseNotCopyAgain = true;
-            CopyInPieces(start, len);
+            CopyToTool(start, len);
             break;
     }
     return 1;
@@ -76,7 +76,7 @@ int CircularBufferExt::Parse73CmdResponse(char* start, char* end) {
 int CircularBufferExt::AnswerTool(const char* packet, int len, int readLen,
                                   char (&framed)[kDiagAreaSize]) {
     const int framedLen = EncodeFrame(packet, len, framed);
-    CopyDataToBuffer(framed, framedLen);
+    CopyToTool(framed, framedLen);
     mTotalLengthForReadDataFromBP += static_cast<uint64_t>(framedLen);
     mTotalLengthForReadDataFromBP -= static_cast<uint64_t>(readLen);
     return framedLen;
@@ -104,7 +104,7 @@ int CircularBufferExt::ParseAPSetLogMaskResponse(char* start, char* end) {
         }
     }
     if (len == -1) {
-        CopyInPieces(start, readLen);
+        CopyToTool(start, readLen);
         return 1;
     }
     if (len < 1) {

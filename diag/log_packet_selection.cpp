@@ -73,7 +73,7 @@ void CircularBufferExt::FinishLogPiece(const char* start, const char* end) {
     constexpr int kLastBytes = 41;
     constexpr int kLongestWhole = 201;
     const auto len = static_cast<int>(end - start + 1);
-    CopyDataToBuffer(start, len);
+    CopyToTool(start, len);
     mTotalLengthForLogDataWriteToAp += static_cast<uint64_t>(len);
     LIB_LOGD("Copy log data to AP at specific condition, length: %d", len);
     HexTraceEnds(start, len, kLastBytes, kLongestWhole);

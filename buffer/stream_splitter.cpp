@@ -188,9 +188,13 @@ void CircularBufferExt::PassRaw(const char* data, int len) {
 
 // Sends what the splitter held back for the tool and gives up the frame it was in.
 void CircularBufferExt::ReleaseHeld() {
-    if (m73CmdResponseBufferCurrentLength > 0) ReleaseResponse();
+    if (m73CmdResponseBufferCurrentLength > 0) {
+        NoteRawBytes(m73CmdResponseBuffer[m73CmdResponseBufferCurrentLength - 1]);
+        ReleaseResponse();
+    }
     if (mLogPacketBufferCurrentLength > 0) {
         const int held = mLogPacketBufferCurrentLength;
+        NoteRawBytes(mLogPacketBuffer[held - 1]);
         CopyToTool(mLogPacketBuffer, held);
         mTotalLengthForLogDataWriteToAp += static_cast<uint64_t>(held);
     }

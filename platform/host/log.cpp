@@ -44,10 +44,7 @@ struct ErrnoKeeper {
 int OpenSink() {
     constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const char* path = getenv("QUILLOD_LOG_FILE");
-    if (path != nullptr && path[0] != '\0') {
-        const int fd = open(path, kFlags | O_CREAT | O_APPEND, 0644);
-        if (fd >= 0) return fd;
-    }
+    if (path != nullptr && path[0] != '\0') return open(path, kFlags | O_CREAT | O_APPEND, 0644);
     struct stat info {};
     if (fstat(STDERR_FILENO, &info) != 0 || S_ISREG(info.st_mode)) return -1;
     return open("/proc/self/fd/2", kFlags);

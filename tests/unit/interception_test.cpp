@@ -152,9 +152,10 @@ TEST_F(Interception, LongAnswers) {
             if (length <= 16384 && operation != 1) continue;
             SCOPED_TRACE(::testing::Message() << "operation " << operation << ", " << length);
             // Every block begins like an answer.
+            const std::string head = Hex("73 00 00 00") + static_cast<char>(operation);
             std::string frame;
             while (frame.size() < length)
-                frame += Hex("73 00 00 00") + static_cast<char>(operation);
+                frame += head;
             frame.replace(length - 1, std::string::npos, "\x7E");
             for (const std::string& begin : {std::string(), report}) {
                 const std::string in = begin + frame + answers + Answer(4, 4, "\xFF");

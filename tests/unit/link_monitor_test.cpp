@@ -47,12 +47,9 @@ std::string Link(unsigned flags, unsigned change, const std::string& attributes)
 
 // A copy that ends exactly at the message's end, so that a sanitizer sees any read past it.
 int Classify(const std::string& bytes) {
-    auto* exact = static_cast<char*>(malloc(bytes.size()));
-    memcpy(exact, bytes.data(), bytes.size());
-    const int event = parse_rtm_msg(reinterpret_cast<nlmsghdr*>(exact),
-                                    static_cast<int>(bytes.size() - sizeof(nlmsghdr)));
-    free(exact);
-    return event;
+    const std::vector<char> exact(bytes.begin(), bytes.end());
+    return parse_rtm_msg(reinterpret_cast<const nlmsghdr*>(exact.data()),
+                         static_cast<int>(exact.size() - sizeof(nlmsghdr)));
 }
 
 struct Case {

@@ -122,9 +122,9 @@ TEST(MaskFile, RandomListsComeBack) {
         std::set<uint32_t> enabled;
         for (const std::string& hex : Packets(file)) {
             const std::string packet = Bytes(hex);
-            for (size_t bit = 16 * 8; bit < 8 * packet.size(); ++bit) {
+            for (size_t bit = 128; bit < 8 * packet.size(); ++bit) {
                 const bool isOn = (packet[bit / 8] >> bit % 8 & 1) != 0;
-                if (isOn) enabled.insert(static_cast<uint32_t>(packet[8] << 12 | (bit - 16 * 8)));
+                if (isOn) enabled.insert(static_cast<uint32_t>(packet[8] << 12 | (bit - 128)));
             }
         }
         EXPECT_EQ(enabled, codes);

@@ -77,7 +77,6 @@ TEST_P(Interrupted, ServesTheNextTool) {
             return Contents(daemon.Proc("status")).find("S (sleeping)") != std::string::npos;
         }));
         daemon.Signal(signal);
-        ASSERT_TRUE(daemon.WaitForLog("Signal " + std::to_string(signal) + " caught and ignored"));
     }
     if (signal == 0 || isServing) {
         ASSERT_TRUE(daemon.WaitForLog(kListens));
@@ -86,6 +85,9 @@ TEST_P(Interrupted, ServesTheNextTool) {
     Tool next;
     ASSERT_TRUE(Attach(next));
     EXPECT_TRUE(Exchange(next));
+    // While accept waits, the thread sanitizer holds the handler back until the next client.
+    const std::string caught = "Signal " + std::to_string(signal) + " caught and ignored";
+    EXPECT_EQ(signal == 0 ? 0 : 1, daemon.LogCount(caught));
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Interrupted,

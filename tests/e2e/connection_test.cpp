@@ -60,6 +60,7 @@ class Interrupted : public HandsetTest, public testing::WithParamInterface<Inter
 
 TEST_P(Interrupted, ServesTheNextTool) {
     const auto& [name, signal, isServing] = GetParam();
+    // An ordinary user's handset gets them from an uid that the daemon refuses.
     if (signal == 0 && !LinkEventsArrive()) GTEST_SKIP() << "no link events here";
     daemon.Start();
     ASSERT_TRUE(daemon.WaitForLog(kListens));

@@ -74,7 +74,7 @@ bool WaitUntil(const std::function<bool()>& condition) {
     const auto deadline = Clock::now() + kLimit;
     while (!condition()) {
         if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(milliseconds(3));
+        std::this_thread::sleep_for(milliseconds(3));  // between looks: /proc announces nothing
     }
     return true;
 }

@@ -17,6 +17,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSendTries = 5;
 constexpr useconds_t kSendRetryPauseUs = 5000;
+// A reply that comes in time costs this share of its wait: a modem that answers surely, but slowly,
+// is heard out, and still cannot hold the daemon longer than so many times the budget.
+constexpr int kReplyCostDivisor = 4;
 constexpr char kFlag = static_cast<char>(kHdlcFlag);
 constexpr unsigned char kTimeStampReply = 0x1D;  // DIAG time stamp
 
@@ -27,10 +30,11 @@ bool IsBlocking(int fd) {
 
 }  // namespace
 
-// Waits for the port as far as the budget allows; a wait that ran out is taken off it. Returns
-// whether the port is ready, or has failed.
+// Waits for the port as far as the budget allows, and takes the wait off it. Returns whether the
+// port is ready, or has failed.
 bool LogMask::WaitFor(short events) {
-    const auto deadline = Clock::now() + mWaitBudget;
+    const auto start = Clock::now();
+    const auto deadline = start + mWaitBudget;
     int ready = 0;
     do {
         const auto left = std::max<Clock::duration>(deadline - Clock::now(), Clock::duration(0));
@@ -39,7 +43,8 @@ bool LogMask::WaitFor(short events) {
         pollfd entry = {mDiagFd, events, 0};
         ready = ppoll(&entry, 1, &limit, nullptr);
     } while (ready < 0 && errno == EINTR);
-    if (ready == 0) mWaitBudget = std::chrono::nanoseconds(0);
+    const auto waited = std::min<std::chrono::nanoseconds>(Clock::now() - start, mWaitBudget);
+    mWaitBudget -= ready > 0 && events == POLLIN ? waited / kReplyCostDivisor : waited;
     return ready > 0;
 }
 

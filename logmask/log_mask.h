@@ -29,8 +29,8 @@ class LogMask {
     // Whether the last request was cut: the port took a part of it only.
     bool IsWithinFrame() const { return mIsWithinFrame; }
 
-    // Allows the following sends and reads to wait so long for a modem that takes or answers
-    // nothing. Once one of them has waited in vain, all go on without waiting.
+    // Allows the following sends and reads to wait so long, in sum, for a modem that takes or
+    // answers nothing; waits for replies that come count less. Then all go on without waiting.
     void StartWaitBudget(std::chrono::milliseconds budget) { mWaitBudget = budget; }
 
     // Sends the requests of the log-mask file that the property selects to fd and records fd. With

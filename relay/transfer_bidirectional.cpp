@@ -18,6 +18,7 @@
 #include "diag/hdlc.h"
 #include "logmask/log_mask.h"
 #include "platform/tagged_log.h"
+#include "relay/end_watch.h"
 #include "relay/transfer_buffer.h"
 
 // Set before main runs, so that everything finds it.
@@ -92,6 +93,7 @@ class Connection {
     void EndToolFrame();
     bool HasBufferFailed() const;
     bool HandleReady();
+    bool IsToolGoneForGood();
     bool IsLinkRemoved();
 
     int mApFd;  // tool's socket, -1 when there is none or it has been closed
@@ -104,6 +106,7 @@ class Connection {
     CircularBufferExt mToTool;
     TransferBuffer mToModemEndpoint{mToModem, mApFd, mBpFd};
     TransferBuffer mToToolEndpoint{mToTool, mBpFd, mApFd};
+    EndWatch mToolEnd{mApFd};
 
     // Select leaves what is ready, the endpoints take out what they served: never cleared
     // otherwise.
@@ -115,11 +118,12 @@ class Connection {
 void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), void* callbackArg) {
     if (mApFd == -1 || mBpFd == -1) return;
     const int wakeupFd = RelayWakeupFd();
-    const int maxFd = std::max({mApFd, mBpFd, mNetlinkFd, wakeupFd});
+    const int maxFd = std::max({mApFd, mBpFd, mNetlinkFd, wakeupFd, mToolEnd.Fd()});
     timeval interval = timeout != nullptr ? *timeout : timeval{};
     for (;;) {
         if (mNetlinkFd != -1) FD_SET(mNetlinkFd, &mReadSet);
         if (wakeupFd != -1) FD_SET(wakeupFd, &mReadSet);
+        if (mToolEnd.Fd() != -1) FD_SET(mToolEnd.Fd(), &mReadSet);
         mToModemEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
         mToToolEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
 
@@ -194,7 +198,18 @@ bool Connection::HasBufferFailed() const {
 bool Connection::HandleReady() {
     if (!mToModemEndpoint.HandleSelect(mReadSet, mWriteSet, mExceptSet)) return false;
     if (!mToToolEndpoint.HandleSelect(mReadSet, mWriteSet, mExceptSet)) return false;
-    return !IsLinkRemoved();
+    return !IsToolGoneForGood() && !IsLinkRemoved();
+}
+
+// Whether the tool has gone and the modem has refused its bytes through all retries. Otherwise the
+// tool is read up to its end.
+bool Connection::IsToolGoneForGood() {
+    const bool isModemStalled = mToModem.ThreadExitCode() == -EAGAIN;
+    const bool isMarked = mToolEnd.Fd() != -1 && FD_ISSET(mToolEnd.Fd(), &mReadSet);
+    if (isModemStalled || isMarked) mToolEnd.Update();
+    if (!isModemStalled || !mToolEnd.HasEnded()) return false;
+    LIB_LOGE("fd %d was closed by the remote end, and the modem takes nothing", mApFd);
+    return true;
 }
 
 bool Connection::IsLinkRemoved() {

@@ -100,13 +100,19 @@ TEST_F(Relay, StalledToolDoesNotHoldTheOtherDirection) {
     toModem.get();
 }
 
-TEST_F(Relay, EndsThoughTheModemTakesNothing) {
+// With how many bytes of the tool on their way.
+class RelayToStalledModem : public Relay, public ::testing::WithParamInterface<size_t> {};
+
+TEST_P(RelayToStalledModem, EndsWithTheTool) {
     FillUntilFull(modem.near);
     Start();
-    WriteAll(tool.far, "never taken");
+    WriteAll(tool.far, Pattern(GetParam()));
     tool.CloseFar();
     EXPECT_EQ(0, result.get());
 }
+
+// The second is more than the ring holds: then the tool is not read up to its end.
+INSTANTIATE_TEST_SUITE_P(Sizes, RelayToStalledModem, ::testing::Values(10, 100000));
 
 TEST_F(Relay, NeedsBothSides) {
     EXPECT_EQ(-1,

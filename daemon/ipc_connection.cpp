@@ -25,6 +25,12 @@ constexpr int kListenPort = 11008;
 constexpr int kListenBacklog = 1;
 constexpr unsigned long kRelayBufferSize = 16384;
 
+// A tool that takes nothing for this long, or whose host has gone without a word, is dropped.
+constexpr unsigned kToolTimeoutMs = 60000;
+constexpr int kKeepAliveIdleS = 20;
+constexpr int kKeepAliveIntervalS = 10;
+constexpr int kKeepAliveProbes = 4;  // 20 s + 4 * 10 s
+
 void ShutDownAndClose(int fd) {
     shutdown(fd, SHUT_RDWR);
     close(fd);
@@ -62,6 +68,17 @@ bool BindAndListen(int fd) {
     return true;
 }
 
+// Bounds the wait for a tool that is not there any more. Without it the daemon serves all the same.
+void LimitSilence(int client) {
+    const int on = 1;
+    setsockopt(client, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    setsockopt(client, IPPROTO_TCP, TCP_KEEPIDLE, &kKeepAliveIdleS, sizeof(kKeepAliveIdleS));
+    setsockopt(client, IPPROTO_TCP, TCP_KEEPINTVL, &kKeepAliveIntervalS,
+               sizeof(kKeepAliveIntervalS));
+    setsockopt(client, IPPROTO_TCP, TCP_KEEPCNT, &kKeepAliveProbes, sizeof(kKeepAliveProbes));
+    setsockopt(client, IPPROTO_TCP, TCP_USER_TIMEOUT, &kToolTimeoutMs, sizeof(kToolTimeoutMs));
+}
+
 // Returns whether the accepted client is ready for the relay.
 bool ConfigureClient(int client) {
     const int on = 1;
@@ -69,6 +86,7 @@ bool ConfigureClient(int client) {
         DAEMON_LOGE("Error in setsockopt() TCP_NODELAY: %s", strerror(errno));
         return false;
     }
+    LimitSilence(client);
     return set_blocking(client, false) == 0;
 }
 

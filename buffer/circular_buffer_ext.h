@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <mutex>
 
-#include "buffer/edge_waiter.h"
 #include "diag/hdlc.h"
 #include "logmask/log_mask.h"
 
@@ -112,7 +111,7 @@ class CircularBufferExt {
     int ReadDirect(int fd);
     ssize_t ReadSpan(int fd);
     int ReadExt(int fd);
-    bool WriteSpan(int fd, ssize_t& written, unsigned long limit);
+    bool WriteSpan(int fd, ssize_t& written, unsigned long limit, bool mayWait);
     template <typename WaitForRoom>
     int WriteAll(int fd, WaitForRoom waitForRoom);
     void ForgetStall();
@@ -207,7 +206,7 @@ class CircularBufferExt {
     const bool mIsDataFromBP;
     int& mReadFd;
     int& mWriteFd;
-    EdgeWaiter mWriteRoom;  // of mWriteFd
+    const bool mIsWriteFdTty;  // of "AP --> BP" only
 
     // The splitter's state. It belongs to the processing thread while blocks are queued, otherwise
     // to the relay thread; mIndexMutex hands it over.

@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
+#include "buffer/bounded_write.h"
 #include "buffer/circular_buffer_ext.h"
 #include "daemon/log_switch.h"
 #include "diag/diag_commands.h"
@@ -20,6 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kWriteRetries = 1000;
 constexpr int kRetryPauseMs = 2;
+constexpr unsigned long kLongSpan = 4096;  // as much as a tty's reader gets at once
 constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
 // A socket is reported writable only when a third of its buffer is free, but takes bytes before.
 constexpr int kFlushTryIntervalMs = 50;
@@ -33,7 +36,8 @@ bool WaitWritable(int fd, int timeoutMs) {
 // The pauses of one Write on a descriptor that takes nothing.
 class RetryPauses {
   public:
-    explicit RetryPauses(EdgeWaiter& room) : mRoom(room) {}
+    // Whether a write may wait by itself, as far as the descriptor allows.
+    static constexpr bool kMayWait = true;
 
     // Pauses before the next try; false when the tries are used up.
     bool Pause(int fd) {
@@ -53,11 +57,10 @@ class RetryPauses {
         mWasReady = false;
         if (tookAll || mRetries + mShortWrites >= kWriteRetries) return;
         ++mShortWrites;
-        mWasReady = mRoom.WaitWritable(fd, kRetryPauseMs);
+        mWasReady = WaitWritable(fd, kRetryPauseMs);
     }
 
   private:
-    EdgeWaiter& mRoom;
     int mRetries = 0;
     int mShortWrites = 0;  // waited for like a retry, in sum no longer
     bool mWasReady = false;
@@ -67,6 +70,8 @@ class RetryPauses {
 // The waits of one Flush; the clock starts again with each progress.
 class FlushWaits {
   public:
+    static constexpr bool kMayWait = false;
+
     bool Pause(int fd) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             mLastProgress + kFlushStallLimit - Clock::now());
@@ -122,6 +127,7 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
       mReadFd(readFd),
       mWriteFd(writeFd),
+      mIsWriteFdTty(!mIsDataFromBP && isatty(writeFd) == 1),
       mIsWholePakcetRead(true),
       mIsPrevWholePacketRead(true),
       mCurrentCmdCode(-1),
@@ -227,13 +233,21 @@ int CircularBufferExt::ReadExt(int fd) {
     return result;
 }
 
-// One write of the contiguous span at mHead, at most limit bytes. Returns false when the ring is
-// empty; otherwise written is what write returned, with errno.
-bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit) {
-    const std::lock_guard<std::mutex> lock(mRingMutex);
+// One write of the contiguous span at mHead, at most limit bytes. It may wait for a moment only
+// where this thread alone takes bytes out. Returns false when the ring is empty; otherwise written
+// is what write returned, with errno.
+bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit, bool mayWait) {
+    std::unique_lock<std::mutex> lock(mRingMutex);
     if (mNumBytes == 0) return false;
     const unsigned long span = std::min(limit, (mTail > mHead ? mTail : mBufferSize) - mHead);
-    written = write(fd, mBuffer + mHead, span);
+    const char* const head = mBuffer + mHead;
+    if (mayWait && span >= kLongSpan) {
+        lock.unlock();
+        written = WriteBounded(fd, head, span);
+        lock.lock();
+    } else {
+        written = write(fd, head, span);
+    }
     if (written <= 0) return true;
     mHead += static_cast<unsigned long>(written);
     mEndsOnFrame = static_cast<unsigned char>(mBuffer[mHead - 1]) == kHdlcFlag;
@@ -258,7 +272,8 @@ template <typename WaitForRoom>
 int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
     int total = 0;
     ssize_t n = 0;
-    while (WriteSpan(fd, n, mBufferSize)) {
+    bool mayWait = WaitForRoom::kMayWait && mIsWriteFdTty;
+    while (WriteSpan(fd, n, mBufferSize, std::exchange(mayWait, false))) {
         if (n == 0) return 0;
         if (n > 0) {
             total += static_cast<int>(n);
@@ -280,7 +295,7 @@ int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
 }
 
 int CircularBufferExt::Write(int fd) {
-    return WriteAll(fd, RetryPauses(mWriteRoom));
+    return WriteAll(fd, RetryPauses());
 }
 
 int CircularBufferExt::Flush(int fd) {
@@ -307,7 +322,7 @@ unsigned long CircularBufferExt::BytesOfWholeFrames() {
 bool CircularBufferExt::WriteWholeFrames(int fd, std::chrono::steady_clock::time_point deadline) {
     unsigned long left = BytesOfWholeFrames();
     ssize_t n = 0;
-    while (left > 0 && WriteSpan(fd, n, left)) {
+    while (left > 0 && WriteSpan(fd, n, left, false)) {
         if (n > 0) {
             LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
             left -= static_cast<unsigned long>(n);

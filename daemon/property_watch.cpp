@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "buffer/bounded_write.h"
 #include "daemon/log_switch.h"
 #include "daemon/relay_wakeup.h"
 #include "platform/tagged_log.h"
@@ -34,6 +35,7 @@ void* ListenerThread(void* /*unused*/) {
     DAEMON_LOGE("ListenerThread start");
     for (;;) {
         usleep(kPollIntervalUs);
+        EndLongWrite();
         const int32_t wanted = ReadSwitch(value);
         if (wanted == gLogEnable) continue;
         pthread_mutex_lock(&gLogEnableMutex);

@@ -5,5 +5,6 @@
 void ReadLogSwitchAtStart();
 
 // Thread function: polls the property every 10 ms for ever and publishes each change in gLogEnable
-// and gLogEnablePrev, then wakes the relay. The argument is ignored.
+// and gLogEnablePrev, then wakes the relay; bounds the relay's writes meanwhile. The argument is
+// ignored.
 void* ListenerThread(void* unused);

@@ -239,13 +239,14 @@ const std::string& Daemon::Log() {
     return mLog;
 }
 
+bool Daemon::TakeFromLog(const std::string& text) {
+    const size_t at = Log().find(text, mBehindMatch);
+    if (at != std::string::npos) mBehindMatch = at + text.size();
+    return at != std::string::npos;
+}
+
 AssertionResult Daemon::WaitForLog(const std::string& text) {
-    const bool isFound = WaitUntil([&] {
-        const size_t at = Log().find(text, mBehindMatch);
-        if (at != std::string::npos) mBehindMatch = at + text.size();
-        return at != std::string::npos;
-    });
-    if (isFound) return AssertionSuccess();
+    if (WaitUntil([&] { return TakeFromLog(text); })) return AssertionSuccess();
     return AssertionFailure() << "no \"" << text << "\" in the log, which ends:\n"
                               << mLog.substr(mLog.size() - std::min<size_t>(mLog.size(), 3000));
 }

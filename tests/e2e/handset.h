@@ -196,7 +196,9 @@ class Daemon {
     void Stop();
     void Signal(int signal) const { EXPECT_EQ(0, kill(mPid, signal)); }
 
-    // Waits for text in the log behind the last match (or the start).
+    // Looks for text in the log behind the last match (or the start), which it becomes then.
+    bool TakeFromLog(const std::string& text);
+    // Waits for that.
     AssertionResult WaitForLog(const std::string& text);
     int LogCount(const std::string& text);
     const std::string& Log();

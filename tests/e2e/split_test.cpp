@@ -1,7 +1,11 @@
 // The split of the modem's stream between tool and flash, with the built daemon.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <filesystem>
 #include <optional>
 #include <random>
 #include <set>
@@ -229,6 +233,88 @@ TEST_F(Split, LosesNothingWhileTheSwitchMovesUnderLoad) {
     }
     EXPECT_TRUE(Same(requested, atModem));
 }
+
+// count pairs of a report and an answer.
+struct Pairs {
+    explicit Pairs(int count) {
+        for (int i = 0; i < count; ++i) {
+            const std::string report = Frame("\x79" + Pattern(400, i));
+            const std::string answer = Frame("\x1D" + Pattern(400, i + 1));
+            all += report + answer;
+            reports += report;
+            answers += answer;
+        }
+    }
+    std::string all;
+    std::string reports;
+    std::string answers;
+};
+
+TEST_F(Split, SlowFlashCostsTheToolNothingUntilThePoolIsFull) {
+    // The writer thread begins with the record file: a full pipe in its place holds it.
+    ASSERT_EQ(0, mkfifo(kRecordFile.c_str(), 0600));
+    const int pipe = open(kRecordFile.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    char page[4096] = {};
+    while (write(pipe, page, sizeof(page)) > 0) {
+    }
+    const Pairs withinPool(1500);  // 0.6 MB of reports
+    const Pairs beyond(6000);      // 2.4 MB of reports
+    ASSERT_TRUE(ServeCapturing(tool));
+    std::thread sender([&] {
+        modem.Send(withinPool.all);
+        modem.Send(beyond.all);
+    });
+    EXPECT_TRUE(Same(withinPool.answers, tool.ReceiveExactly(withinPool.answers.size())));
+    EXPECT_TRUE(daemon.WaitForLog("PoolBuffer: Read wait cond"));
+    EXPECT_TRUE(CaptureFiles().empty());
+    while (read(pipe, page, sizeof(page)) > 0) {
+    }
+    EXPECT_TRUE(Same(beyond.answers, tool.ReceiveExactly(beyond.answers.size())));
+    sender.join();
+    ASSERT_TRUE(Finish(tool));
+    close(pipe);
+    EXPECT_TRUE(Same(withinPool.reports + beyond.reports, Captured()));
+}
+
+struct FlashFault {
+    const char* name;
+    void (*make)();
+    const char* message;
+};
+
+// The captures lie on a flash of 16 pages.
+class FaultyFlash : public Split, public testing::WithParamInterface<FlashFault> {
+  protected:
+    FaultyFlash() {
+        EXPECT_EQ(0, mount("flash", "/data/misc", "tmpfs", 0, "size=64k"));
+        std::filesystem::create_directory(kCaptureDirectory);
+    }
+    ~FaultyFlash() override { umount2("/data/misc", MNT_DETACH); }
+};
+
+TEST_P(FaultyFlash, CostsTheToolNothing) {
+    const Pairs pairs(500);
+    GetParam().make();
+    ASSERT_TRUE(ServeCapturing(tool));
+    std::thread sender([&] { modem.Send(pairs.all); });
+    EXPECT_TRUE(Same(pairs.answers, tool.ReceiveExactly(pairs.answers.size())));
+    sender.join();
+    ASSERT_TRUE(Finish(tool));
+    // At most once a store, of 12 and the last.
+    EXPECT_GT(daemon.LogCount(GetParam().message), 0);
+    EXPECT_LE(daemon.LogCount(GetParam().message), 14);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FaultyFlash,
+    testing::Values(
+        FlashFault{"Full", [] {}, "PoolBuffer: write error, ret="},
+        FlashFault{"ReadOnly",
+                   [] { mount(nullptr, "/data/misc", nullptr, MS_REMOUNT | MS_RDONLY, nullptr); },
+                   "PoolBuffer: open file fail ptr length"},
+        FlashFault{"NoDirectory", [] { std::filesystem::remove_all(kCaptureDirectory); },
+                   "PoolBuffer: write error, ret=-1"}),
+    NameOf<FlashFault>);
 
 TEST_F(Split, ToolThatStopsReadingEndsTheConnectionAndTheCaptureIsWhole) {
     std::string all;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "buffer/bounded_write.h"
@@ -21,19 +22,23 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kWriteRetries = 1000;
-constexpr int kRetryPauseMs = 2;
+constexpr auto kRetryPause = std::chrono::milliseconds(2);
 constexpr unsigned long kLongSpan = 4096;  // as much as a tty's reader gets at once
 constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
 // A socket is reported writable only when a third of its buffer is free, but takes bytes before.
-constexpr int kFlushTryIntervalMs = 50;
+constexpr auto kFlushTryInterval = std::chrono::milliseconds(50);
 
-// Returns whether fd became writable, or failed, within timeoutMs.
-bool WaitWritable(int fd, int timeoutMs) {
+// Returns whether fd became writable, or failed, until then.
+bool WaitWritable(int fd, Clock::time_point until) {
+    const auto left = std::max<Clock::duration>(until - Clock::now(), Clock::duration(0));
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timespec limit = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
     pollfd entry = {fd, POLLOUT, 0};
-    return poll(&entry, 1, timeoutMs) > 0;
+    return ppoll(&entry, 1, &limit, nullptr) > 0;
 }
 
-// The pauses of one Write on a descriptor that takes nothing.
+// The pauses of one Write on a descriptor that takes nothing. Each ends at its time, however late
+// the one before ended, so that all of them last 2 seconds on a busy machine, too.
 class RetryPauses {
   public:
     // Whether a write may wait by itself, as far as the descriptor allows.
@@ -45,24 +50,31 @@ class RetryPauses {
         if (mRetries + mShortWrites >= kWriteRetries) return false;
         // Ready, but took nothing all the same: its readiness is no reason to try sooner.
         if (mWasReady) mTrustsReadiness = false;
-        mWasReady = mTrustsReadiness && WaitWritable(fd, kRetryPauseMs);
-        if (!mTrustsReadiness) usleep(kRetryPauseMs * 1000);
+        if (mIsMoving) mNextTry = Clock::now();
+        mIsMoving = false;
+        mNextTry += kRetryPause;
+        mWasReady = mTrustsReadiness && WaitWritable(fd, mNextTry);
+        if (!mTrustsReadiness) std::this_thread::sleep_until(mNextTry);
+        if (mWasReady) mIsMoving = true;
         ++mRetries;
         return true;
     }
 
     // fd took bytes. When it did not take all, it is full: the next try would be in vain so soon.
     void NoteProgress(int fd, bool tookAll) {
+        mIsMoving = true;
         mTrustsReadiness = true;
         mWasReady = false;
         if (tookAll || mRetries + mShortWrites >= kWriteRetries) return;
         ++mShortWrites;
-        mWasReady = WaitWritable(fd, kRetryPauseMs);
+        mWasReady = WaitWritable(fd, Clock::now() + kRetryPause);
     }
 
   private:
     int mRetries = 0;
-    int mShortWrites = 0;  // waited for like a retry, in sum no longer
+    int mShortWrites = 0;        // waited for like a retry, in sum no longer
+    Clock::time_point mNextTry;  // valid while fd takes nothing
+    bool mIsMoving = true;       // fd has just taken bytes, or may take some
     bool mWasReady = false;
     bool mTrustsReadiness = true;
 };
@@ -73,13 +85,12 @@ class FlushWaits {
     static constexpr bool kMayWait = false;
 
     bool Pause(int fd) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            mLastProgress + kFlushStallLimit - Clock::now());
-        if (left.count() <= 0) return false;
-        const int waitMs = std::min(kFlushTryIntervalMs, static_cast<int>(left.count()) + 1);
-        const bool isReady = WaitWritable(fd, waitMs);
+        const Clock::time_point now = Clock::now();
+        const Clock::time_point end = mLastProgress + kFlushStallLimit;
+        if (now >= end) return false;
+        const bool isReady = WaitWritable(fd, std::min(end, now + kFlushTryInterval));
         // Ready, but took nothing all the same.
-        if (isReady && mWasReady) usleep(kRetryPauseMs * 1000);
+        if (isReady && mWasReady) std::this_thread::sleep_for(kRetryPause);
         mWasReady = isReady;
         return true;
     }
@@ -328,9 +339,8 @@ bool CircularBufferExt::WriteWholeFrames(int fd, std::chrono::steady_clock::time
             left -= static_cast<unsigned long>(n);
             continue;
         }
-        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        if (n == 0 || errno != EAGAIN || wait.count() <= 0) break;
-        WaitWritable(fd, static_cast<int>(wait.count()));
+        if (n == 0 || errno != EAGAIN || Clock::now() >= deadline) break;
+        WaitWritable(fd, deadline);
     }
     return mEndsOnFrame;
 }

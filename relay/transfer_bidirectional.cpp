@@ -18,7 +18,7 @@
 #include "diag/hdlc.h"
 #include "logmask/log_mask.h"
 #include "platform/tagged_log.h"
-#include "relay/end_watch.h"
+#include "relay/tool_watch.h"
 #include "relay/transfer_buffer.h"
 
 // Set before main runs, so that everything finds it.
@@ -33,6 +33,7 @@ constexpr std::chrono::milliseconds kFrameEndLimit(20);
 // How long, in sum, a modem that takes or answers nothing holds a connection's start and its end.
 constexpr std::chrono::milliseconds kStartWaitBudget(2000);
 constexpr std::chrono::milliseconds kEndWaitBudget(1000);
+constexpr std::chrono::milliseconds kNoWait(0);  // for one that has just taken nothing for long
 
 // Whether the last byte that the last connection sent to the modem was a 0x7E, or there was none.
 bool gModemEndsOnFrame = true;
@@ -93,7 +94,7 @@ class Connection {
     void EndToolFrame();
     bool HasBufferFailed() const;
     bool HandleReady();
-    bool IsToolGoneForGood();
+    bool IsToolGivenUp();
     bool IsLinkRemoved();
 
     int mApFd;  // tool's socket, -1 when there is none or it has been closed
@@ -106,7 +107,7 @@ class Connection {
     CircularBufferExt mToTool;
     TransferBuffer mToModemEndpoint{mToModem, mApFd, mBpFd};
     TransferBuffer mToToolEndpoint{mToTool, mBpFd, mApFd};
-    EndWatch mToolEnd{mApFd};
+    ToolWatch mToolWatch{mApFd};
 
     // Select leaves what is ready, the endpoints take out what they served: never cleared
     // otherwise.
@@ -118,12 +119,12 @@ class Connection {
 void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), void* callbackArg) {
     if (mApFd == -1 || mBpFd == -1) return;
     const int wakeupFd = RelayWakeupFd();
-    const int maxFd = std::max({mApFd, mBpFd, mNetlinkFd, wakeupFd, mToolEnd.Fd()});
+    const int maxFd = std::max({mApFd, mBpFd, mNetlinkFd, wakeupFd, mToolWatch.Fd()});
     timeval interval = timeout != nullptr ? *timeout : timeval{};
     for (;;) {
         if (mNetlinkFd != -1) FD_SET(mNetlinkFd, &mReadSet);
         if (wakeupFd != -1) FD_SET(wakeupFd, &mReadSet);
-        if (mToolEnd.Fd() != -1) FD_SET(mToolEnd.Fd(), &mReadSet);
+        if (mToolWatch.Fd() != -1) FD_SET(mToolWatch.Fd(), &mReadSet);
         mToModemEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
         mToToolEndpoint.SetSelectBits(mReadSet, mWriteSet, mExceptSet);
 
@@ -198,17 +199,19 @@ bool Connection::HasBufferFailed() const {
 bool Connection::HandleReady() {
     if (!mToModemEndpoint.HandleSelect(mReadSet, mWriteSet, mExceptSet)) return false;
     if (!mToToolEndpoint.HandleSelect(mReadSet, mWriteSet, mExceptSet)) return false;
-    return !IsToolGoneForGood() && !IsLinkRemoved();
+    return !IsToolGivenUp() && !IsLinkRemoved();
 }
 
-// Whether the tool has gone and the modem has refused its bytes through all retries. Otherwise the
-// tool is read up to its end.
-bool Connection::IsToolGoneForGood() {
+// Whether the tool is given up because the modem has refused its bytes through all retries, and the
+// tool has gone meanwhile or the modem goes on refusing. Otherwise the tool is read up to its end.
+bool Connection::IsToolGivenUp() {
     const bool isModemStalled = mToModem.ThreadExitCode() == -EAGAIN;
-    const bool isMarked = mToolEnd.Fd() != -1 && FD_ISSET(mToolEnd.Fd(), &mReadSet);
-    if (isModemStalled || isMarked) mToolEnd.Update();
-    if (!isModemStalled || !mToolEnd.HasEnded()) return false;
-    LIB_LOGE("fd %d was closed by the remote end, and the modem takes nothing", mApFd);
+    if (isModemStalled != mToolWatch.IsLimited()) mToolWatch.Limit(isModemStalled);
+    const bool isMarked = mToolWatch.Fd() != -1 && FD_ISSET(mToolWatch.Fd(), &mReadSet);
+    if (isModemStalled || isMarked) mToolWatch.Update();
+    if (!isModemStalled || !(mToolWatch.HasEnded() || mToolWatch.HasExpired())) return false;
+    LIB_LOGE("the modem takes nothing, and fd %d %s", mApFd,
+             mToolWatch.HasEnded() ? "was closed by the remote end" : "has waited long enough");
     return true;
 }
 
@@ -227,10 +230,10 @@ bool Connection::IsLinkRemoved() {
 int Connection::TearDown() {
     if (mBpFd != -1) {
         set_blocking(mBpFd, true);
-        mToModem.Flush(mBpFd);
+        const bool takesBytes = mToModem.Flush(mBpFd) != -EAGAIN;
         gModemEndsOnFrame = mToModem.EndsOnFrame();
         if (gLogEnable != 0) {
-            gLogMaskInstance->StartWaitBudget(kEndWaitBudget);
+            gLogMaskInstance->StartWaitBudget(takesBytes ? kEndWaitBudget : kNoWait);
             if (!gModemEndsOnFrame) EndFrameAtModem();
             gLogMaskInstance->DisableLog(1);
             gModemEndsOnFrame = !gLogMaskInstance->IsWithinFrame();

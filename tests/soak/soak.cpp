@@ -179,6 +179,8 @@ class Soak {
     void LeaveAFullLine() { LeaveBehind(1); }
     // The tool is not read any more, so that its end cannot be read either.
     void LeaveAFullRing() { LeaveBehind(60'000); }
+    // Nor does the news of its end come: it stands behind bytes that find no room in the socket.
+    void LeaveAFullSocket() { LeaveBehind(150'000); }
 
     // It takes all and sends its own frames, but answers nothing.
     void MuteTheModem() {
@@ -391,6 +393,7 @@ constexpr Soak::Step kSteps[] = {
     {"a modem that takes nothing for a while", &Soak::StallTheModem},
     {"a tool that leaves a full line", &Soak::LeaveAFullLine},
     {"a tool that leaves a full ring", &Soak::LeaveAFullRing},
+    {"a tool that leaves a full socket", &Soak::LeaveAFullSocket},
     {"a mute modem", &Soak::MuteTheModem},
     {"a port that hangs up", &Soak::HangUpThePort},
     {"a port that comes late", &Soak::HideThePort},

@@ -88,6 +88,7 @@ class ModemRunner {
     // How long nothing needs to be done unless a descriptor wakes us; -1 for no limit.
     int WaitMillis() const {
         using std::chrono::milliseconds;
+        if (mOptions.logRate == 0.0 && mModem.HasReports() && HasReportRoom()) return 0;
         int wait = -1;
         if (mModem.InBulk()) wait = static_cast<int>(milliseconds(kBulkIdle).count());
         if (mOptions.logRate > 0.0 && mModem.HasReports() && HasReportRoom()) {

@@ -14,3 +14,9 @@ uint64_t DiagTimeStamp(std::chrono::system_clock::time_point time) {
         std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count());
     return (micros / kTickMicros) << 16 | micros % kTickMicros * kTickParts / kTickMicros;
 }
+
+std::chrono::microseconds DiagTimeSince1970(uint64_t stamp) {
+    const uint64_t micros =
+        (stamp >> 16) * kTickMicros + (stamp & 0xFFFF) * kTickMicros / kTickParts;
+    return std::chrono::seconds(kEpoch) + std::chrono::microseconds(micros);
+}

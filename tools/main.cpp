@@ -1,4 +1,5 @@
-// quilltool, the companion program: a simulated modem, a simulated PC tool, log-mask files.
+// quilltool, the companion program: a simulated modem, a simulated PC tool, log-mask files,
+// captures.
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -14,8 +15,8 @@ constexpr int kExitUsage = 2;
 
 int Run(int argc, char** argv) {
     CLI::App app{
-        "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, and "
-        "makes log-mask files.",
+        "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, "
+        "makes log-mask files and reads captures.",
         "quilltool"};
     app.require_subcommand(1);
     app.footer(
@@ -23,9 +24,10 @@ int Run(int argc, char** argv) {
         "Example:\n"
         "  quilltool modem --verbose        in place of the modem\n"
         "  quilltool probe 192.168.42.129   from the PC, through the daemon\n"
-        "  quilltool mask compile DIAG.list -o DIAG.cfg");
+        "  quilltool mask compile DIAG.list -o DIAG.cfg\n"
+        "  quilltool capture stat /data/misc/radio");
     const std::vector<Subcommand> subcommands = {AddModemCommand(app), AddProbeCommand(app),
-                                                 AddMaskCommand(app)};
+                                                 AddMaskCommand(app), AddCaptureCommand(app)};
 
     try {
         app.parse(argc, argv);

@@ -28,10 +28,6 @@ bool ParseAnyNumber(std::string_view text, uint32_t* value) {
                              : ParseNumber(text, 10, value);
 }
 
-bool ParseCode(std::string_view text, uint32_t* code) {
-    return IsHexNumber(text) && ParseNumber(text.substr(2), 16, code) && *code <= 0xFFFF;
-}
-
 // The line without comment, its words with one blank between.
 std::string Tidy(std::string_view line) {
     std::string tidy;
@@ -101,8 +97,8 @@ class MaskListCompiler {
         const size_t dash = item.find('-');
         uint32_t first = 0;
         uint32_t last = 0;
-        if (!ParseCode(item.substr(0, dash), &first) ||
-            !ParseCode(dash == std::string::npos ? item : item.substr(dash + 1), &last)) {
+        if (!ParseLogCode(item.substr(0, dash), &first) ||
+            !ParseLogCode(dash == std::string::npos ? item : item.substr(dash + 1), &last)) {
             Fail("not a log code such as 0x117C or a range such as 0xB0C0-0xB0CF", item);
         }
         const uint32_t id = first >> 12;

@@ -88,21 +88,6 @@ std::vector<MaskFrame> CutFrames(std::string_view file) {
     return frames;
 }
 
-// "0x117C" or "0xB0C0-0xB0CF" for each run of codes, each a line behind indent.
-std::string CodeLines(const SetMaskRequest& request, const char* indent) {
-    std::string lines;
-    const auto items = EnabledItems(request);
-    for (size_t i = 0; i < items.size(); ++i) {
-        const uint32_t first = items[i];
-        while (i + 1 < items.size() && items[i + 1] == items[i] + 1)
-            ++i;
-        lines += indent + LogCodeText(request.id, first);
-        if (items[i] != first) lines += "-" + LogCodeText(request.id, items[i]);
-        lines += "\n";
-    }
-    return lines;
-}
-
 // One line, without its end.
 std::string Describe(const MaskFrame& frame) {
     if (frame.packet.empty()) {

@@ -1,6 +1,7 @@
 #include "tools/mask_requests.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 
 #include "tools/log_mask_table.h"
@@ -48,4 +49,53 @@ std::string LogCodeText(uint32_t id, uint32_t item) {
     char text[16];
     snprintf(text, sizeof text, "0x%04X", id << 12 | item);
     return text;
+}
+
+bool ParseLogCode(std::string_view text, uint32_t* code) {
+    if (text.substr(0, 2) != "0x" && text.substr(0, 2) != "0X") return false;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data() + 2, end, *code, 16);
+    return result.ec == std::errc() && result.ptr == end && *code <= 0xFFFF;
+}
+
+std::string ParseLogCodes(std::string_view text, std::set<uint32_t>* codes) {
+    for (size_t comma = 0; comma != std::string_view::npos;) {
+        comma = text.find(',');
+        const std::string_view item = text.substr(0, comma);
+        uint32_t code = 0;
+        if (!ParseLogCode(item, &code)) {
+            return "not a log code such as 0x117C: \"" + std::string(item) + "\"";
+        }
+        codes->insert(code);
+        text.remove_prefix(std::min(item.size() + 1, text.size()));
+    }
+    return "";
+}
+
+std::vector<SetMaskRequest> SetMaskRequestsFor(const std::set<uint32_t>& codes) {
+    std::vector<SetMaskRequest> requests;
+    for (const uint32_t code : codes) {
+        const uint32_t id = code >> 12;
+        const uint32_t item = code % kItemsPerEquipment;
+        if (requests.empty() || requests.back().id != id) requests.push_back({id, 0, ""});
+        SetMaskRequest& request = requests.back();
+        request.bits = 8 * (item / 8 + 1);
+        request.mask.resize(request.bits / 8);
+        request.mask.back() |= static_cast<char>(1U << item % 8);
+    }
+    return requests;
+}
+
+std::string CodeLines(const SetMaskRequest& request, const char* indent) {
+    std::string lines;
+    const auto items = EnabledItems(request);
+    for (size_t i = 0; i < items.size(); ++i) {
+        const uint32_t first = items[i];
+        while (i + 1 < items.size() && items[i + 1] == items[i] + 1)
+            ++i;
+        lines += indent + LogCodeText(request.id, first);
+        if (items[i] != first) lines += "-" + LogCodeText(request.id, items[i]);
+        lines += "\n";
+    }
+    return lines;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,3 +41,16 @@ std::vector<uint32_t> EnabledItems(const SetMaskRequest& request);
 
 // "0x117C".
 std::string LogCodeText(uint32_t id, uint32_t item);
+
+// Reads a log code such as "0x117C"; false when text is none.
+bool ParseLogCode(std::string_view text, uint32_t* code);
+
+// Reads "0x1000,0x117E" into *codes. Returns an empty string, or what is wrong.
+std::string ParseLogCodes(std::string_view text, std::set<uint32_t>* codes);
+
+// The requests that enable these codes and no other ones of their equipment ids, one an id; each
+// mask ends with its highest code's byte.
+std::vector<SetMaskRequest> SetMaskRequestsFor(const std::set<uint32_t>& codes);
+
+// "0x117C" or "0xB0C0-0xB0CF" for each run of enabled codes, each a line behind indent.
+std::string CodeLines(const SetMaskRequest& request, const char* indent);

@@ -1,16 +1,15 @@
 // quilltool modem: the simulated modem on a pseudo-terminal.
 #include <poll.h>
-#include <sys/signalfd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
 
+#include "tools/end_signals.h"
 #include "tools/pty_line.h"
 #include "tools/sim_modem.h"
 #include "tools/subcommand.h"
@@ -32,18 +31,6 @@ struct ModemOptions {
     bool mute = false;
     std::optional<double> logRate;  // reports a second; 0: as many as the line takes
 };
-
-// From here on SIGINT, SIGTERM and SIGHUP only make the returned descriptor readable.
-UniqueFd CatchEndSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&signals, number);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    UniqueFd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (fd.get() == -1) throw ToolError(std::string("cannot catch signals: ") + strerror(errno));
-    return fd;
-}
 
 class ModemRunner {
   public:

@@ -134,17 +134,6 @@ int RunProbe(const ProbeOptions& options) {
     return bulkRight && prober.badFrames() == 0 ? 0 : 1;
 }
 
-// A check for one option's text by parse, whose result is thrown away here.
-template <typename Result>
-CLI::Validator CheckedBy(std::string (*parse)(std::string_view, Result*)) {
-    return CLI::Validator(
-        [parse](const std::string& text) {
-            Result result;
-            return parse(text, &result);
-        },
-        "");
-}
-
 }  // namespace
 
 Subcommand AddProbeCommand(CLI::App& parent) {

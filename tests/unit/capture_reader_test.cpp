@@ -1,0 +1,110 @@
+// Captured bytes back to frames, the order of files, and totals.
+#include <filesystem>
+#include <fstream>
+
+#include "support/frames.h"
+#include "tools/capture_files.h"
+#include "tools/capture_text.h"
+#include "tools/capture_totals.h"
+#include "tools/mask_requests.h"
+#include "tools/sim_modem.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kStamp = uint64_t{1156792320800} << 16;  // 2025-11-01 00:00:01 UTC
+
+std::string LogFrame(uint16_t code, const std::string& payload, uint64_t stamp = kStamp) {
+    std::string frame;
+    AppendFrame(frame, SimModem::MakeLogPacket(code, payload, stamp));
+    return frame;
+}
+
+const std::string kTime = Framed("1D 7D 7E 00");
+const std::string kLog = LogFrame(0x7E7D, "\x7E\x7D");
+const std::string kEvent = Framed("60 01 00");
+
+// "FILE@OFFSET KIND CODE LENGTH CHECK" of the wanted frames, nothing for a good check; the files
+// come in reads of that many bytes.
+std::string Read(const std::vector<std::string>& files, size_t readSize,
+                 const CaptureFilter& filter) {
+    std::string text;
+    CaptureReader reader([&](const CaptureFrame& frame) {
+        if (!filter.Wants(frame)) return true;
+        const char* const checks[] = {"", " bad", " cut start", " cut end"};
+        const auto code = frame.logCode();
+        text += (text.empty() ? "" : ", ") + std::string(frame.file) + "@" +
+                std::to_string(frame.offset) + " " + CaptureKindWord(frame.kind()) + " " +
+                (code.has_value() ? LogCodeText(*code >> 12, *code & 0xFFF) + " " : "") +
+                std::to_string(frame.packet.size()) + checks[static_cast<int>(frame.check)];
+        return true;
+    });
+    for (size_t i = 0; i < files.size(); ++i) {
+        reader.BeginFile(std::string(1, static_cast<char>('a' + i)));
+        for (size_t at = 0; at < files[i].size(); at += readSize)
+            EXPECT_TRUE(reader.Take(std::string_view(files[i]).substr(at, readSize)));
+    }
+    reader.Finish();
+    return text;
+}
+
+TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
+    std::string wrong = kLog;
+    wrong[10] ^= 1;
+    const std::string half = kLog.substr(0, 20);
+    const std::string three = kLog + kEvent + LogFrame(0xB0C0, "") + Framed("10 00");
+    const struct {
+        const char* name;
+        std::vector<std::string> files;
+        std::string frames;
+        CaptureFilter filter = {};
+    } kRows[] = {
+        {"modem's own", {kTime + kLog + kEvent}, "a@0 answer 4, a@9 log 0x7E7D 18, a@34 event 3"},
+        {"messages",
+         {Framed("79") + Framed("92") + Framed("98") + Framed("99") + Framed("9A")},
+         "a@0 message 1, a@4 message 1, a@8 message 1, a@12 message 1, a@16 answer 1"},
+        {"bad first frame", {wrong + kEvent}, "a@0 log 0x7E7D 18 bad, a@25 event 3"},
+        {"escape takes the flag", {"\x79\x01\x7D\x7E" + kEvent}, "a@0 message 1 bad, a@4 event 3"},
+        {"short", {kEvent + "\x79\x7E\x7E" + kEvent}, "a@0 event 3, a@6 answer 0 bad, a@9 event 3"},
+        {"ends",
+         {kEvent.substr(2) + kTime + half},
+         "a@0 answer 1 cut start, a@4 answer 4, a@13 log 0x7E7D 17 cut end"},
+        {"goes on behind", {half, kLog.substr(20) + kEvent}, "a@0 log 0x7E7D 18, b@5 event 3"},
+        {"flag behind", {kEvent.substr(0, 5), "\x7E"}, "a@0 event 3"},
+        {"other connection", {half, kTime}, "a@0 log 0x7E7D 17 cut end, b@0 answer 4"},
+        {"gap", {half, "", kEvent.substr(2)}, "a@0 log 0x7E7D 17 cut end, c@0 answer 1 cut start"},
+        {"long frame", {LogFrame(0x1000, std::string(40000, '}'))}, "a@0 log 0x1000 40016"},
+        {"only two codes", {three}, "a@31 log 0xB0C0 16", {{0xB0C0, 0x7E7C}, {}}},
+        {"only a kind", {three}, "a@25 event 3", {{}, CaptureKind::kEvent}},
+        {"neither", {three}, "", {{0xB0C0}, CaptureKind::kEvent}},
+    };
+    for (const auto& row : kRows)
+        for (const size_t readSize : {1, 2, 7, 1 << 20})
+            EXPECT_EQ(Read(row.files, readSize, row.filter), row.frames) << row.name << readSize;
+}
+
+TEST(CaptureFiles, FollowTheRecordFileThenTheirNames) {
+    const std::string directory = testing::TempDir() + "capture_order/";
+    fs::remove_all(directory);
+    fs::create_directory(directory);
+    for (const char* name : {"z.qmdl", "b.qmdl", "c.qmdl", "a.qmdl", "d.txt"})
+        std::ofstream(directory + name) << "x";
+    std::ofstream(directory + "record.txt")
+        << "\n\n/data/misc/radio/c.qmdl\n\n\n/data/misc/radio/gone.qmdl\n/elsewhere/a.qmdl\nc.qmdl";
+    const CaptureDirectory listed = ListCaptureDirectory(directory);
+    EXPECT_EQ(listed.files, (Lines{directory + "c.qmdl", directory + "a.qmdl", directory + "b.qmdl",
+                                   directory + "z.qmdl"}));
+    EXPECT_EQ(listed.missing, Lines{"gone.qmdl"});
+}
+
+TEST(CaptureTotals, SpanIsThatOfTheStamps) {
+    CaptureTotals totals;
+    CaptureReader reader([&](const CaptureFrame& frame) { return totals.Add(frame), true; });
+    reader.BeginFile("a");
+    reader.Take(LogFrame(1, "", kStamp + (2 << 16) + 40960) + kTime + LogFrame(2, ""));
+    const char kSpan[] = "from 2025-11-01 00:00:01.000 to 2025-11-01 00:00:01.003 UTC, 0.004 s";
+    EXPECT_NE(totals.Text().find(kSpan), std::string::npos) << totals.Text();
+}
+
+}  // namespace

@@ -27,14 +27,17 @@ AddressList Resolve(const std::string& host, uint16_t port) {
     return {first, freeaddrinfo};
 }
 
-// Waits for events on fd; false when the moment passed first.
-bool PollUntil(int fd, short events, DiagClient::Clock::time_point until) {
+// Waits for events on fd; false when the moment passed first, or endFd, unless -1, is readable.
+bool PollUntil(int fd, short events, DiagClient::Clock::time_point until, int endFd = -1) {
     using std::chrono::milliseconds;
+    constexpr milliseconds kLongest = std::chrono::hours(1);
     while (true) {
         const auto left = std::chrono::ceil<milliseconds>(until - DiagClient::Clock::now());
-        pollfd watched{fd, events, 0};
-        const int ready = poll(&watched, 1, std::max<int>(0, static_cast<int>(left.count())));
-        if (ready > 0) return true;
+        pollfd watched[] = {{fd, events, 0}, {endFd, POLLIN, 0}};
+        const int ready =
+            poll(watched, std::size(watched),
+                 static_cast<int>(std::clamp(left, milliseconds(0), kLongest).count()));
+        if (ready > 0) return watched[1].revents == 0;
         if (ready == 0 && left.count() <= 0) return false;
         if (ready < 0 && errno != EINTR) {
             throw ToolError(std::string("poll: ") + strerror(errno));
@@ -105,12 +108,13 @@ bool DiagClient::NextFrame(Clock::time_point until, ReceivedFrame* frame) {
             if (frame->state != FrameState::kIncomplete) return true;
         }
         // A stream that never pauses must not outlast the moment.
-        if (Clock::now() >= until || !PollUntil(mSocket.get(), POLLIN, until)) return false;
+        if (Clock::now() >= until || !PollUntil(mSocket.get(), POLLIN, until, mEndFd)) return false;
         const ssize_t count = read(mSocket.get(), mBuffer.data(), mBuffer.size());
         if (count == 0) throw ToolError("the connection was closed by the other side");
         if (count < 0 && errno != EAGAIN && errno != EINTR) {
             throw ToolError(std::string("the connection failed: ") + strerror(errno));
         }
+        if (mTrace && count > 0) mTrace({mBuffer.data(), static_cast<size_t>(count)});
         mBegin = 0;
         mEnd = count > 0 ? static_cast<size_t>(count) : 0;
     }

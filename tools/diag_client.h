@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -31,6 +32,12 @@ class DiagClient {
     // Waits until the given moment for the next frame; false when none has ended by then.
     bool NextFrame(Clock::time_point until, ReceivedFrame* frame);
 
+    // From now on NextFrame returns false, too, while fd is readable; -1 for none.
+    void EndWaitsWith(int fd) { mEndFd = fd; }
+
+    // Gives trace, unless it is empty, all bytes as NextFrame receives them.
+    void TraceInput(std::function<void(std::string_view)> trace) { mTrace = std::move(trace); }
+
     // For raw transfers: the non-blocking socket, and the bytes behind the last frame, read from it
     // already, which the client forgets.
     int fd() const { return mSocket.get(); }
@@ -39,6 +46,8 @@ class DiagClient {
   private:
     const Clock::duration mTimeout;
     UniqueFd mSocket;
+    int mEndFd = -1;
+    std::function<void(std::string_view)> mTrace;
     FrameReader mReader;
     std::array<char, 65536> mBuffer;
     size_t mBegin = 0;  // bytes not yet given to mReader: mBuffer[mBegin, mEnd)

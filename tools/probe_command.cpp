@@ -2,15 +2,20 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "tools/bulk_run.h"
 #include "tools/diag_client.h"
+#include "tools/end_signals.h"
 #include "tools/frame_text.h"
+#include "tools/mask_requests.h"
 #include "tools/packet.h"
+#include "tools/probe_masks.h"
+#include "tools/prober.h"
 #include "tools/subcommand.h"
-#include "tools/tool_error.h"
 
 namespace {
 
@@ -19,8 +24,11 @@ using Clock = DiagClient::Clock;
 struct ProbeOptions {
     std::string host;
     uint16_t port = kDaemonPort;
-    std::vector<std::string> requests = {"00"};  // hexadecimal, checked by the parser
-    int waitMillis = 0;
+    std::vector<std::string> requests;  // hexadecimal, checked by the parser
+    std::string codes;                  // checked by the parser; empty for none
+    bool getMask = false;
+    bool raw = false;
+    std::optional<int> waitMillis;
     std::string bulk;  // a size, checked by the parser; empty for none
     std::string direction = "both";
     double timeoutSeconds = 5;
@@ -29,56 +37,6 @@ struct ProbeOptions {
 Clock::duration Seconds(double seconds) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
-
-// Sends requests and prints every frame that comes.
-class Prober {
-  public:
-    Prober(DiagClient& client, Clock::duration timeout) : mClient(client), mTimeout(timeout) {}
-
-    // Sends request and returns when its answer has come; throws ToolError when none does.
-    void Ask(std::string_view request) {
-        printf("-> %s\n", DescribePacket(request).c_str());
-        mClient.Send(request);
-        const auto until = Clock::now() + mTimeout;
-        ReceivedFrame frame;
-        do {
-            if (!mClient.NextFrame(until, &frame)) {
-                throw ToolError("no answer in time to " + FormatHex(request, 8));
-            }
-            Print(frame);
-        } while (!IsAnswer(frame.packet, request));
-    }
-
-    // Prints what comes until the given moment.
-    void Watch(Clock::time_point until) {
-        ReceivedFrame frame;
-        while (mClient.NextFrame(until, &frame))
-            Print(frame);
-    }
-
-    uint64_t badFrames() const { return mBadFrames; }
-
-  private:
-    static bool IsAnswer(std::string_view packet, std::string_view request) {
-        if (packet.empty()) return false;
-        const auto code = static_cast<unsigned char>(packet.front());
-        return code == static_cast<unsigned char>(request.front()) || code == kCmdBad;
-    }
-
-    void Print(const ReceivedFrame& frame) {
-        if (frame.state != FrameState::kGood) ++mBadFrames;
-        if (frame.state == FrameState::kOverlong) {
-            puts("<- frame too long to decode");
-            return;
-        }
-        const char* note = frame.state == FrameState::kGood ? "FCS good" : "FCS BAD";
-        printf("<- %s\n", DescribePacket(frame.packet, note).c_str());
-    }
-
-    DiagClient& mClient;
-    const Clock::duration mTimeout;
-    uint64_t mBadFrames = 0;
-};
 
 // Prints one direction's result; returns whether every byte was right.
 bool PrintBulk(const char* name, uint64_t wanted, const BulkResult& result) {
@@ -113,25 +71,68 @@ bool ProbeBulk(DiagClient& client, const ProbeOptions& options) {
     return upRight && downRight;
 }
 
-int RunProbe(const ProbeOptions& options) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    const Clock::duration timeout = Seconds(options.timeoutSeconds);
-    DiagClient client(options.host, options.port, timeout);
-    Prober prober(client, timeout);
-    for (const std::string& text : options.requests) {
+// What a tool asks that says nothing of its own.
+std::vector<std::string> RequestsOf(const ProbeOptions& options) {
+    const bool asksForMasks = !options.codes.empty() || options.getMask;
+    if (options.requests.empty() && !asksForMasks) return {"00"};
+    return options.requests;
+}
+
+void AskAll(Prober& prober, const ProbeOptions& options, const std::set<uint32_t>& codes) {
+    for (const std::string& text : RequestsOf(options)) {
         std::string request;
         ParseHex(text, &request);
         prober.Ask(request);
     }
-    if (options.waitMillis > 0) {
-        prober.Watch(Clock::now() + std::chrono::milliseconds(options.waitMillis));
+    if (!codes.empty()) SetLogCodes(prober, codes);
+    if (!options.getMask) return;
+    const std::string enabled = EnabledCodeLines(prober);
+    fputs(enabled.empty() ? "no log codes are enabled\n" : enabled.c_str(), stdout);
+}
+
+void Watch(Prober& prober, const ProbeOptions& options) {
+    if (options.waitMillis == 0 || (!options.waitMillis.has_value() && options.codes.empty())) {
+        return;
     }
+    // Bulk transfers are ended by the signals themselves.
+    const UniqueFd endSignals = options.bulk.empty() ? CatchEndSignals() : UniqueFd();
+    const auto until = options.waitMillis.has_value()
+                           ? Clock::now() + std::chrono::milliseconds(*options.waitMillis)
+                           : Clock::time_point::max();
+    prober.Watch(until, endSignals.get());
+}
+
+int RunProbe(const ProbeOptions& options) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const Clock::duration timeout = Seconds(options.timeoutSeconds);
+    std::set<uint32_t> codes;
+    if (!options.codes.empty()) ParseLogCodes(options.codes, &codes);
+    DiagClient client(options.host, options.port, timeout);
+    Prober prober(client, timeout, {options.raw, codes});
+    AskAll(prober, options, codes);
+    Watch(prober, options);
     const bool bulkRight = options.bulk.empty() || ProbeBulk(client, options);
     if (prober.badFrames() > 0) {
         fprintf(stderr, "quilltool: frames with a bad check sequence: %llu\n",
                 static_cast<unsigned long long>(prober.badFrames()));
     }
     return bulkRight && prober.badFrames() == 0 ? 0 : 1;
+}
+
+CLI::Option* AddBulkOptions(CLI::App* app, ProbeOptions& options) {
+    CLI::Option* const bulk =
+        app->add_option(
+               "--bulk", options.bulk,
+               "Then move so many bytes (20000000, 300M, 1G), checking every one, and measure; "
+               "the modem must send no logs meanwhile")
+            ->type_name("BYTES")
+            ->check(CheckedBy(ParseSize));
+    app->add_option("--direction", options.direction,
+                    "Way of the bulk bytes: up (to the modem), down, or both at once")
+        ->capture_default_str()
+        ->type_name("up|down|both")
+        ->check(CLI::IsMember({"up", "down", "both"}).description(""));
+    return bulk;
 }
 
 }  // namespace
@@ -145,35 +146,46 @@ Subcommand AddProbeCommand(CLI::App& parent) {
         ->capture_default_str()
         ->type_name("PORT")
         ->check(CLI::Range(1, 65535).description(""));
-    app->add_option(
-           "--request", options->requests,
-           "A request in hexadecimal, without check sequence (default 00); may be repeated")
+    app->add_option("--request", options->requests,
+                    "A request in hexadecimal, without check sequence (default 00, none with "
+                    "--mask or --get-mask); may be repeated")
         ->type_name("HEX")
         ->allow_extra_args(false)
         ->check(CheckedBy(ParseHex));
+    CLI::Option* const mask =
+        app->add_option("--mask", options->codes,
+                        "Enable these log codes, and no others of their equipment ids, and print "
+                        "their packets as they arrive")
+            ->type_name("CODE[,CODE]")
+            ->check(CheckedBy(ParseLogCodes));
+    CLI::Option* const getMask =
+        app->add_flag("--get-mask", options->getMask, "Print the enabled log codes");
+    CLI::Option* const raw = app->add_flag(
+        "--raw", options->raw, "Print only the bytes received, in hexadecimal, as they are");
     app->add_option("--wait", options->waitMillis,
-                    "After the last answer, print what comes for so long")
+                    "After the last answer, print what comes for so long, or until Ctrl-C; with "
+                    "--mask the default is until Ctrl-C, otherwise 0")
         ->type_name("MS")
         ->check(CLI::Range(0, 86400000).description(""));
-    app->add_option(
-           "--bulk", options->bulk,
-           "Then move so many bytes (20000000, 300M, 1G), checking every one, and measure; "
-           "the modem must send no logs meanwhile")
-        ->type_name("BYTES")
-        ->check(CheckedBy(ParseSize));
-    app->add_option("--direction", options->direction,
-                    "Way of the bulk bytes: up (to the modem), down, or both at once")
-        ->capture_default_str()
-        ->type_name("up|down|both")
-        ->check(CLI::IsMember({"up", "down", "both"}).description(""));
+    CLI::Option* const bulk = AddBulkOptions(app, *options);
+    raw->excludes(getMask)->excludes(bulk);
+    mask->excludes(bulk);
     app->add_option("--timeout", options->timeoutSeconds,
                     "Limit for connecting, for each answer, and for bulk bytes to move on")
         ->capture_default_str()
         ->type_name("SECONDS")
         ->check(CLI::Range(0.001, 86400.0).description(""));
     app->footer(
+        "A mask is as wide as the modem says, so that it goes with the one that the daemon "
+        "captures\n"
+        "with; when the modem says nothing, up to the highest code, rounded up to a whole byte. "
+        "The\n"
+        "codes are printed as in a list of quilltool mask compile.\n\n"
+        "Exit status: 0 success, 1 failure or frames with a bad check sequence, 2 wrong usage.\n\n"
         "Examples:\n"
         "  quilltool probe 192.168.42.129 --request 00 --request \"73 00 00 00 01 00 00 00\"\n"
+        "  quilltool probe 192.168.42.129 --mask 0xB0C0,0x117C --wait 10000\n"
+        "  quilltool probe 192.168.42.129 --get-mask\n"
         "  quilltool probe 192.168.42.129 --bulk 300M");
     return {app, [options] { return RunProbe(*options); }};
 }

@@ -84,6 +84,11 @@ class FlushWaits {
   public:
     static constexpr bool kMayWait = false;
 
+    // isStalled: fd has taken nothing for longer than the limit already.
+    explicit FlushWaits(bool isStalled) {
+        if (isStalled) mLastProgress -= kFlushStallLimit;
+    }
+
     bool Pause(int fd) {
         const Clock::time_point now = Clock::now();
         const Clock::time_point end = mLastProgress + kFlushStallLimit;
@@ -311,7 +316,7 @@ int CircularBufferExt::Write(int fd) {
 
 int CircularBufferExt::Flush(int fd) {
     const ScopedNonBlocking nonBlocking(fd);
-    const int result = WriteAll(fd, FlushWaits());
+    const int result = WriteAll(fd, FlushWaits(mThreadExitCode == -EAGAIN));
     if (result == -EAGAIN) {
         LIB_LOGE("%s: flush given up, %lu bytes left", mName, NumBytes());
     }

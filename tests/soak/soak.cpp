@@ -68,6 +68,7 @@ class Soak {
 
     void Run(const Step& step, bool captures, unsigned seed) {
         mRandom.seed(seed);
+        mStep = step.name;
         Prepare(captures);
         if (!HasFailed()) (this->*step.run)();
         if (!HasFailed()) CheckHoldings();
@@ -81,8 +82,9 @@ class Soak {
             const std::string& log = mDaemon.Log();
             puts(log.substr(log.size() - std::min<size_t>(log.size(), 4000)).c_str());
         }
-        printf("%d steps; listens after at most %d ms; %zu descriptors, %zu threads, %ld kB\n",
-               mSteps, static_cast<int>(mSlowest.count()), mDescriptors, mThreads, mResident);
+        printf("%d steps; listens after at most %d ms (%s); %zu descriptors, %zu threads, %ld kB\n",
+               mSteps, static_cast<int>(mSlowest.count()), mSlowestStep, mDescriptors, mThreads,
+               mResident);
     }
 
     // A tool that is gone before it is served.
@@ -329,7 +331,10 @@ class Soak {
     AssertionResult ListensAgain(Clock::time_point since) {
         if (const auto listens = mDaemon.WaitForLog(kListens); !listens) return listens;
         const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - since);
-        mSlowest = std::max(mSlowest, took);
+        if (took > mSlowest) {
+            mSlowest = took;
+            mSlowestStep = mStep;
+        }
         if (took <= kListenBound) return AssertionSuccess();
         return AssertionFailure() << "listens after " << took.count() << " ms";
     }
@@ -375,7 +380,9 @@ class Soak {
     Random mRandom;
 
     int mSteps = 0;
+    const char* mStep = "";
     milliseconds mSlowest{0};
+    const char* mSlowestStep = "";
     size_t mDescriptors = 0;
     size_t mThreads = 0;
     long mResident = 0;            // kB, the most so far

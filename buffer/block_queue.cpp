@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "buffer/circular_buffer_ext.h"
 #include "platform/tagged_log.h"
@@ -11,19 +12,27 @@ namespace {
 // A modem that never pauses must not hold the relay thread: the tool's requests, the switch and the
 // link are served between the calls.
 constexpr int kBlocksPerCall = 16;
+// Nor must a tool or a flash that takes nothing.
+constexpr auto kFreeBlockLimit = std::chrono::milliseconds(50);
 
 }  // namespace
 
-// Waits until the block at mReadIndex can be filled. False when it never will be: on stop, or when
-// the processing thread has ended.
-bool CircularBufferExt::WaitForFreeBlock() {
+// Waits, for a moment, until the block at mReadIndex can be filled.
+CircularBufferExt::FreeBlockWait CircularBufferExt::WaitForFreeBlock() {
     std::unique_lock<std::mutex> lock(mIndexMutex);
-    if (NextBlock(mReadIndex) != mWriteIndex) return true;
-    LIB_LOGE("%s, CircularBufferExt: Read wait cond as buffer is FULL ", mName);
-    mSpaceCond.wait(lock, [this] {
-        return NextBlock(mReadIndex) != mWriteIndex || mStop != 0 || mIsProcessReadThreadExit != 0;
-    });
-    return mStop == 0 && mIsProcessReadThreadExit == 0;
+    const auto isFree = [this] { return NextBlock(mReadIndex) != mWriteIndex; };
+    if (!isFree()) {
+        if (!mIsQueueFull) {
+            LIB_LOGE("%s, CircularBufferExt: Read wait cond as buffer is FULL ", mName);
+        }
+        mIsQueueFull = !mSpaceCond.wait_for(lock, kFreeBlockLimit, [&] {
+            return isFree() || mStop != 0 || mIsProcessReadThreadExit != 0;
+        });
+        if (mIsQueueFull) return FreeBlockWait::kNotYet;
+        if (mStop != 0 || mIsProcessReadThreadExit != 0) return FreeBlockWait::kNever;
+    }
+    mIsQueueFull = false;
+    return FreeBlockWait::kFree;
 }
 
 // Waits until all queued blocks have been handled. False when the processing thread ended before.
@@ -57,7 +66,9 @@ int CircularBufferExt::FailRead(int error) {
 int CircularBufferExt::ReadVersionForThread() {
     int total = 0;
     for (int taken = 0; taken < kBlocksPerCall; ++taken) {
-        if (!WaitForFreeBlock()) return 1;
+        const FreeBlockWait wait = WaitForFreeBlock();
+        if (wait == FreeBlockWait::kNever) return 1;
+        if (wait == FreeBlockWait::kNotYet) return total > 0 ? total : -EAGAIN;
         // Only this thread moves mReadIndex.
         char* const block = mBlocks[mReadIndex];
         if (block == nullptr) return FailRead(ENOMEM);

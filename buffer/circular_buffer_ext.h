@@ -120,7 +120,8 @@ class CircularBufferExt {
     // buffer/block_queue
     static int NextBlock(int index) { return index == kBlocks - 1 ? 0 : index + 1; }
     int ReadVersionForThread();
-    bool WaitForFreeBlock();
+    enum class FreeBlockWait { kFree, kNotYet, kNever };
+    FreeBlockWait WaitForFreeBlock();
     void QueueBlock(int len);
     int FailRead(int error);
     bool WaitForEmptyQueue();
@@ -252,7 +253,8 @@ class CircularBufferExt {
     int mBlockSizes[kBlocks];            // bytes held, 0 when free
     int mReadIndex;                      // block filled next; mIndexMutex
     int mWriteIndex;                     // block handled next; mIndexMutex
-    int mStop;                           // stop request for the processing thread; mIndexMutex
+    std::atomic<int> mStop;              // stop request; written under mIndexMutex
+    bool mIsQueueFull;                   // still, since the last wait; relay thread only
     bool mIsWriteRequested;              // the ring is to be written without a block; mIndexMutex
     std::condition_variable mDataCond;   // a block, a write request or a stop; with mIndexMutex
     std::condition_variable mSpaceCond;  // a block handled, or the thread ended; with mIndexMutex

@@ -84,7 +84,7 @@ void CircularBufferExt::ProcessReadDataThread() {
         if (work == Work::kBlock) FreeBlock();
     }
     LIB_LOGE("Exit CircularBufferExt: ProcessReadDataThread");
-    LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread: exit, mStop: %d", mName, mStop);
+    LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread: exit, mStop: %d", mName, mStop.load());
     EndProcessing();
 }
 

@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kWriteRetries = 1000;
 constexpr auto kRetryPause = std::chrono::milliseconds(2);
 constexpr unsigned long kLongSpan = 4096;  // as much as a tty's reader gets at once
-constexpr auto kFlushStallLimit = std::chrono::milliseconds(700);
+constexpr auto kStallLimitAtEnd = std::chrono::milliseconds(700);
 // A socket is reported writable only when a third of its buffer is free, but takes bytes before.
 constexpr auto kFlushTryInterval = std::chrono::milliseconds(50);
 
@@ -44,14 +44,18 @@ class RetryPauses {
     // Whether a write may wait by itself, as far as the descriptor allows.
     static constexpr bool kMayWait = true;
 
+    // isEnding: not 0 once the connection ends; then they last no longer than those of a flush.
+    explicit RetryPauses(const std::atomic<int>& isEnding) : mIsEnding(isEnding) {}
+
     // Pauses before the next try; false when the tries are used up.
     bool Pause(int fd) {
         LIB_LOGE("write error, try again,retry_count: %d", mRetries);
         if (mRetries + mShortWrites >= kWriteRetries) return false;
         // Ready, but took nothing all the same: its readiness is no reason to try sooner.
         if (mWasReady) mTrustsReadiness = false;
-        if (mIsMoving) mNextTry = Clock::now();
+        if (mIsMoving) mNextTry = mStalledSince = Clock::now();
         mIsMoving = false;
+        if (mIsEnding != 0 && Clock::now() - mStalledSince >= kStallLimitAtEnd) return false;
         mNextTry += kRetryPause;
         mWasReady = mTrustsReadiness && WaitWritable(fd, mNextTry);
         if (!mTrustsReadiness) std::this_thread::sleep_until(mNextTry);
@@ -72,9 +76,11 @@ class RetryPauses {
 
   private:
     int mRetries = 0;
-    int mShortWrites = 0;        // waited for like a retry, in sum no longer
-    Clock::time_point mNextTry;  // valid while fd takes nothing
-    bool mIsMoving = true;       // fd has just taken bytes, or may take some
+    int mShortWrites = 0;  // waited for like a retry, in sum no longer
+    const std::atomic<int>& mIsEnding;
+    Clock::time_point mStalledSince;  // valid, as is the next, while fd takes nothing
+    Clock::time_point mNextTry;
+    bool mIsMoving = true;  // fd has just taken bytes, or may take some
     bool mWasReady = false;
     bool mTrustsReadiness = true;
 };
@@ -86,12 +92,12 @@ class FlushWaits {
 
     // isStalled: fd has taken nothing for longer than the limit already.
     explicit FlushWaits(bool isStalled) {
-        if (isStalled) mLastProgress -= kFlushStallLimit;
+        if (isStalled) mLastProgress -= kStallLimitAtEnd;
     }
 
     bool Pause(int fd) {
         const Clock::time_point now = Clock::now();
-        const Clock::time_point end = mLastProgress + kFlushStallLimit;
+        const Clock::time_point end = mLastProgress + kStallLimitAtEnd;
         if (now >= end) return false;
         const bool isReady = WaitWritable(fd, std::min(end, now + kFlushTryInterval));
         // Ready, but took nothing all the same.
@@ -169,6 +175,7 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mReadIndex(0),
       mWriteIndex(0),
       mStop(0),
+      mIsQueueFull(false),
       mIsWriteRequested(false) {
     ResetLogPacket();
     if (mIsDataFromBP) StartPool();
@@ -311,7 +318,7 @@ int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
 }
 
 int CircularBufferExt::Write(int fd) {
-    return WriteAll(fd, RetryPauses());
+    return WriteAll(fd, RetryPauses(mStop));
 }
 
 int CircularBufferExt::Flush(int fd) {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "tools/tool_error.h"
 
@@ -63,16 +64,30 @@ UniqueFd Connect(const addrinfo& address, DiagClient::Clock::time_point until, i
     return *error == 0 ? std::move(fd) : UniqueFd();
 }
 
+// The same for the first address that takes the connection.
+UniqueFd ConnectAny(const addrinfo* address, DiagClient::Clock::time_point until, int* error) {
+    UniqueFd fd;
+    for (; address != nullptr && fd.get() == -1; address = address->ai_next)
+        fd = Connect(*address, until, error);
+    return fd;
+}
+
+// The daemon listens again a second after it has let a tool go.
+constexpr std::chrono::seconds kRefusedLimit(3);
+constexpr std::chrono::milliseconds kRefusedPause(100);
+
 }  // namespace
 
 DiagClient::DiagClient(const std::string& host, uint16_t port, Clock::duration timeout)
     : mTimeout(timeout) {
     const AddressList addresses = Resolve(host, port);
-    const auto until = Clock::now() + timeout;
+    const auto start = Clock::now();
+    const auto lastTry = start + std::min<Clock::duration>(timeout, kRefusedLimit);
     int error = 0;
-    for (const addrinfo* address = addresses.get(); address != nullptr && mSocket.get() == -1;
-         address = address->ai_next) {
-        mSocket = Connect(*address, until, &error);
+    mSocket = ConnectAny(addresses.get(), start + timeout, &error);
+    while (error == ECONNREFUSED && Clock::now() < lastTry) {
+        std::this_thread::sleep_for(kRefusedPause);
+        mSocket = ConnectAny(addresses.get(), start + timeout, &error);
     }
     if (mSocket.get() == -1) {
         throw ToolError("cannot connect to " + host + " port " + std::to_string(port) + ": " +

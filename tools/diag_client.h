@@ -23,7 +23,8 @@ class DiagClient {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // Connects to host, a name or an address, within timeout, which also bounds each Send.
+    // Connects to host, a name or an address, within timeout, which also bounds each Send. While it
+    // is refused it tries again for some seconds: the daemon pauses between two tools.
     DiagClient(const std::string& host, uint16_t port, Clock::duration timeout);
 
     // Sends packet as one frame.

@@ -1,0 +1,144 @@
+// The relay with capture off, beside socat and beside a bare loop of blocking read and write.
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "bench/bench_support.h"
+#include "bench/rig.h"
+#include "bench/runs.h"
+#include "tools/bulk_run.h"
+#include "tools/packet.h"
+
+namespace {
+
+constexpr uint16_t kOtherPort = 11009;
+constexpr double kBulkBytes = 300e6;
+constexpr int kRoundTrips = 5000;
+constexpr int kWarmUps = 100;
+
+struct Contender {
+    std::string name;
+    uint16_t port;
+    std::function<Child()> start;
+};
+
+const std::vector<Contender> kContenders = {
+    {"quillod", kDaemonPort, StartDaemon},
+    {"socat", kOtherPort,
+     [] {
+         const std::string listen = "TCP-LISTEN:" + std::to_string(kOtherPort);
+         return Child({"socat", "-b", "16384", listen + ",reuseaddr,nodelay",
+                       std::string(kModemDevice) + ",raw,echo=0"},
+                      "socat");
+     }},
+    {"bare loop", kOtherPort,
+     [] {
+         return Child({BuiltProgram("bare_loop"), std::to_string(kOtherPort), kModemDevice},
+                      "bare_loop");
+     }},
+};
+
+enum class Way { kToTool, kToModem };
+
+// A request that is framed in 64 bytes and that the modem sends back as it is.
+const std::string& EchoRequest() {
+    static const std::string request = [] {
+        constexpr size_t kFramed = 64;
+        std::string packet(60, '\x31');
+        packet[0] = static_cast<char>(kCmdMessageConfig);
+        packet[1] = packet[2] = 1;
+        std::string framed;
+        AppendFrame(framed, packet);
+        if (framed.size() != kFramed) throw std::logic_error("the echo has another size");
+        return packet;
+    }();
+    return request;
+}
+
+void RoundTrip(DiagClient& client) {
+    if (Ask(client, EchoRequest()) != EchoRequest()) throw std::runtime_error("wrong echo");
+}
+
+// Runs work on a connection through the contender that has carried some round trips already, and
+// returns the processor time that the contender took meanwhile.
+double WithContender(const Contender& contender, const std::function<void(DiagClient&)>& work) {
+    const Child relay = contender.start();
+    DiagClient client = ConnectFromPc(contender.port);
+    for (int i = 0; i < kWarmUps; ++i)
+        RoundTrip(client);
+    const double before = relay.CpuSeconds();
+    work(client);
+    return relay.CpuSeconds() - before;
+}
+
+Cost Transfer(const Contender& contender, Way way, double bytes) {
+    const auto count = static_cast<uint64_t>(bytes);
+    BulkReport report;
+    const double cpu = WithContender(contender, [&](DiagClient& client) {
+        const bool toModem = way == Way::kToModem;
+        report = RunBulk(client, toModem ? count : 0, toModem ? 0 : count, kPatience);
+    });
+    const BulkResult& result = way == Way::kToModem ? report.up : report.down;
+    if (result.bytes != count || result.mismatch != kNoMismatch) {
+        throw std::runtime_error(contender.name + " brought wrong bytes");
+    }
+    return {result.seconds, cpu};
+}
+
+// Calls run with each contender in each round, another one first each time.
+void InTurns(int rounds, const std::function<void(const Contender&)>& run) {
+    for (int round = 0; round < rounds; ++round)
+        for (size_t i = 0; i < kContenders.size(); ++i)
+            run(kContenders[(static_cast<size_t>(round) + i) % kContenders.size()]);
+}
+
+void MeasureWay(const Extent& extent, Way way, const std::string& name, double cpuLimit,
+                Report& report) {
+    Row rate{"relay, " + name, "MB/s", true};
+    Row cpu{"relay, " + name + ", CPU", "s/GB", true};
+    const double bytes = kBulkBytes * extent.share;
+    InTurns(extent.rounds, [&](const Contender& contender) {
+        const Cost cost = Transfer(contender, way, bytes);
+        rate.Record(contender.name, bytes / kMega / cost.seconds);
+        cpu.Record(contender.name, cost.cpuSeconds * kGiga / bytes);
+    });
+    report.AtLeast("relay, " + name + ", throughput of socat's", rate.Ratio(), 1);
+    report.AtMost("relay, " + name + ", CPU of socat's", cpu.Ratio(), cpuLimit);
+    report.Add(rate);
+    report.Add(cpu);
+}
+
+void MeasureRoundTrips(const Extent& extent, Report& report) {
+    constexpr double kGoal = 0.9;
+    Row median{"round trip of 64 bytes, p50", "us", true};
+    Row slow{"round trip of 64 bytes, p99", "us", true};
+    Row cpu{"round trip of 64 bytes, CPU", "us", true};
+    const int count = static_cast<int>(kRoundTrips * extent.share);
+    InTurns(extent.rounds, [&](const Contender& contender) {
+        std::vector<double> micros;
+        const double used = WithContender(contender, [&](DiagClient& client) {
+            for (int i = 0; i < count; ++i)
+                micros.push_back(SecondsOf([&client] { RoundTrip(client); }) * 1e6);
+        });
+        median.Record(contender.name, Quantile(micros, 0.5));
+        slow.Record(contender.name, Quantile(micros, 0.99));
+        cpu.Record(contender.name, used * 1e6 / count);
+    });
+    report.AtMost("round trip p50 of socat's", median.Ratio(), kGoal);
+    report.AtMost("round trip CPU of socat's", cpu.Ratio(), kGoal);
+    for (const Row& row : {median, slow, cpu})
+        report.Add(row);
+}
+
+}  // namespace
+
+Cost RelayToTool(double bytes) {
+    return Transfer(kContenders[0], Way::kToTool, bytes);
+}
+
+void MeasureRelay(const Extent& extent, Report& report) {
+    const Modem modem;
+    MeasureWay(extent, Way::kToTool, "modem to tool", 0.95, report);
+    MeasureWay(extent, Way::kToModem, "tool to modem", 1.05, report);
+    MeasureRoundTrips(extent, report);
+}

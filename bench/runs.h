@@ -1,0 +1,55 @@
+// The measurements, each of which fills its part of the report, and the runs that they are made of.
+#pragma once
+
+#include <string>
+
+#include "bench/report.h"
+
+inline constexpr double kMega = 1e6;
+inline constexpr double kGiga = 1e9;
+
+struct Extent {
+    int rounds = 5;
+    double share = 1;  // of the full volumes, counts and times
+};
+
+// What moving some bytes took.
+struct Cost {
+    double seconds;
+    double cpuSeconds;  // of the relaying process
+};
+
+// Sends bytes through the daemon, capture off, from the modem to the tool. Needs a Modem. Throws
+// when a byte is wrong or missing.
+Cost RelayToTool(double bytes);
+
+// The daemon beside socat and beside a bare loop.
+void MeasureRelay(const Extent& extent, Report& report);
+
+enum class Capture { kOff, kAllToFlash, kTenthToTool };
+
+struct CaptureResult : Cost {
+    double bytes;  // that the modem sent
+    double residentMegabytes;
+    bool isComplete;  // every byte is accounted for
+};
+
+// Sends at least bytes, all log packets, from a modem of its own, until the tool and flash have
+// what is theirs.
+CaptureResult RunCapture(Capture capture, double bytes);
+
+void MeasureCapture(const Extent& extent, Report& report);
+
+// Into a directory of a disk.
+void MeasureDisk(const Extent& extent, const std::string& directory, Report& report);
+
+// Round trips while the modem sends all that the line takes.
+void MeasureFlood(const Extent& extent, Report& report);
+
+void MeasureIdle(const Extent& extent, Report& report);
+
+// Cost a byte with more bytes and with more wanted log codes.
+void MeasureGrowth(const Extent& extent, Report& report);
+
+// Encoder and un-escaper beside memcpy.
+void MeasureFraming(const Extent& extent, Report& report);

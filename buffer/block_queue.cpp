@@ -13,7 +13,7 @@ namespace {
 // link are served between the calls.
 constexpr int kBlocksPerCall = 16;
 // Nor must a tool or a flash that takes nothing.
-constexpr auto kFreeBlockLimit = std::chrono::milliseconds(50);
+constexpr auto kWaitLimit = std::chrono::milliseconds(50);
 
 }  // namespace
 
@@ -25,7 +25,7 @@ CircularBufferExt::FreeBlockWait CircularBufferExt::WaitForFreeBlock() {
         if (!mIsQueueFull) {
             LIB_LOGE("%s, CircularBufferExt: Read wait cond as buffer is FULL ", mName);
         }
-        mIsQueueFull = !mSpaceCond.wait_for(lock, kFreeBlockLimit, [&] {
+        mIsQueueFull = !mSpaceCond.wait_for(lock, kWaitLimit, [&] {
             return isFree() || mStop != 0 || mIsProcessReadThreadExit != 0;
         });
         if (mIsQueueFull) return FreeBlockWait::kNotYet;
@@ -35,12 +35,15 @@ CircularBufferExt::FreeBlockWait CircularBufferExt::WaitForFreeBlock() {
     return FreeBlockWait::kFree;
 }
 
-// Waits until all queued blocks have been handled. False when the processing thread ended before.
-bool CircularBufferExt::WaitForEmptyQueue() {
+// Waits, for a moment, until all queued blocks have been handled. Returns 1, or -EAGAIN when they
+// are not yet, -EIO when they never will be: the processing thread has ended.
+int CircularBufferExt::WaitForEmptyQueue() {
     std::unique_lock<std::mutex> lock(mIndexMutex);
-    mSpaceCond.wait(lock,
-                    [this] { return mReadIndex == mWriteIndex || mIsProcessReadThreadExit != 0; });
-    return mReadIndex == mWriteIndex;
+    const auto isEmpty = [this] { return mReadIndex == mWriteIndex; };
+    mSpaceCond.wait_for(lock, kWaitLimit,
+                        [&] { return isEmpty() || mIsProcessReadThreadExit != 0; });
+    if (isEmpty()) return 1;
+    return mIsProcessReadThreadExit != 0 ? -EIO : -EAGAIN;
 }
 
 // Hands the block at mReadIndex, filled with len bytes, to the processing thread.

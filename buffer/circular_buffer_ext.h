@@ -26,6 +26,8 @@ class PoolBuffer;
 // Locks: mIndexMutex (block queue), mRingMutex (ring) and msRequestMutex (the tool's requests) are
 // never held together. NumBytes, IsEmpty and IsFull take no lock and may be slightly behind.
 class CircularBufferExt {
+    using Clock = std::chrono::steady_clock;
+
   public:
     // buffer: ring storage of size bytes, owned by the caller, which outlives the object, as do the
     // name and the two descriptor variables (-1 once the relay has closed one). A name containing
@@ -62,7 +64,7 @@ class CircularBufferExt {
     // Writes to fd, which must not block, what the ring holds up to its last 0x7E; waits for fd
     // until the deadline. Returns EndsOnFrame. Relay thread; takes mRingMutex, but not while it
     // waits.
-    bool WriteWholeFrames(int fd, std::chrono::steady_clock::time_point deadline);
+    bool WriteWholeFrames(int fd, Clock::time_point deadline);
 
     // Puts one 0x7E before all that the ring holds, if there is room.
     void PutFrameEndFirst();
@@ -76,6 +78,14 @@ class CircularBufferExt {
     // Appends len bytes to the ring or, when they do not fit, drops them all with an error line.
     // Any thread; takes mRingMutex.
     void CopyDataToBuffer(const char* src, int len);
+
+    // When the write descriptor first refused bytes since it last took some; the clock's beginning
+    // while it takes them. Any thread.
+    Clock::time_point RefusedSince() const {
+        return Clock::time_point(Clock::duration(mRefusedSince));
+    }
+    // For bytes that stay because they were not even tried: as if they had just been refused.
+    void NoteRefusal();
 
     // Asks the processing thread to write what the ring holds, without waiting for the modem.
     void RequestWrite();
@@ -124,7 +134,7 @@ class CircularBufferExt {
     FreeBlockWait WaitForFreeBlock();
     void QueueBlock(int len);
     int FailRead(int error);
-    bool WaitForEmptyQueue();
+    int WaitForEmptyQueue();
 
     // buffer/processing_thread
     void StartPool();
@@ -191,6 +201,7 @@ class CircularBufferExt {
 
     // Written by Write and the processing thread, polled by the relay.
     std::atomic<int> mThreadExitCode;
+    std::atomic<Clock::rep> mRefusedSince;  // ticks, see RefusedSince
     // A -EAGAIN in mThreadExitCode that arose with capture off: the next write clears it.
     std::atomic<bool> mIsStalledWhileLogOff;
 
@@ -207,7 +218,7 @@ class CircularBufferExt {
     const bool mIsDataFromBP;
     int& mReadFd;
     int& mWriteFd;
-    const bool mIsWriteFdTty;  // of "AP --> BP" only
+    const bool mIsWriteFdTty;  // one whose output can be resumed; of "AP --> BP" only
 
     // The splitter's state. It belongs to the processing thread while blocks are queued, otherwise
     // to the relay thread; mIndexMutex hands it over.

@@ -1,6 +1,7 @@
 // The ring of CircularBufferExt: what both directions use while capture is off.
 #include <fcntl.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,9 +91,9 @@ class FlushWaits {
   public:
     static constexpr bool kMayWait = false;
 
-    // isStalled: fd has taken nothing for longer than the limit already.
-    explicit FlushWaits(bool isStalled) {
-        if (isStalled) mLastProgress -= kStallLimitAtEnd;
+    // refusedSince: as the ring's RefusedSince.
+    explicit FlushWaits(Clock::time_point refusedSince) {
+        if (refusedSince != Clock::time_point()) mLastProgress = refusedSince;
     }
 
     bool Pause(int fd) {
@@ -138,6 +139,7 @@ class ScopedNonBlocking {
 CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const char* name,
                                      int& readFd, int& writeFd)
     : mThreadExitCode(1),
+      mRefusedSince(0),
       mIsStalledWhileLogOff(false),
       mBuffer(buffer),
       mBufferSize(size),
@@ -149,7 +151,7 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
       mReadFd(readFd),
       mWriteFd(writeFd),
-      mIsWriteFdTty(!mIsDataFromBP && isatty(writeFd) == 1),
+      mIsWriteFdTty(!mIsDataFromBP && isatty(writeFd) == 1 && tcflow(writeFd, TCOON) == 0),
       mIsWholePakcetRead(true),
       mIsPrevWholePacketRead(true),
       mCurrentCmdCode(-1),
@@ -220,7 +222,8 @@ int CircularBufferExt::Read(int fd) {
 int CircularBufferExt::ReadDirect(int fd) {
     if (mIsDataFromBP) {
         // What was queued before the switch went off is older than what is read now.
-        if (!WaitForEmptyQueue()) return -EIO;
+        const int result = WaitForEmptyQueue();
+        if (result < 0) return result;
         ReleaseHeld();
     }
     int total = 0;
@@ -271,7 +274,9 @@ bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit,
     } else {
         written = write(fd, head, span);
     }
+    if (written < 0 && errno == EAGAIN) NoteRefusal();
     if (written <= 0) return true;
+    mRefusedSince = 0;
     mHead += static_cast<unsigned long>(written);
     mEndsOnFrame = static_cast<unsigned char>(mBuffer[mHead - 1]) == kHdlcFlag;
     mNumBytes -= static_cast<unsigned long>(written);
@@ -281,6 +286,10 @@ bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit,
         mHead = mTail = 0;  // a drained ring starts again at the beginning of its storage
     }
     return true;
+}
+
+void CircularBufferExt::NoteRefusal() {
+    if (mRefusedSince == 0) mRefusedSince = Clock::now().time_since_epoch().count();
 }
 
 // A stall is over. It is not forgotten once the processing thread has ended, perhaps for it.
@@ -323,7 +332,7 @@ int CircularBufferExt::Write(int fd) {
 
 int CircularBufferExt::Flush(int fd) {
     const ScopedNonBlocking nonBlocking(fd);
-    const int result = WriteAll(fd, FlushWaits(mThreadExitCode == -EAGAIN));
+    const int result = WriteAll(fd, FlushWaits(RefusedSince()));
     if (result == -EAGAIN) {
         LIB_LOGE("%s: flush given up, %lu bytes left", mName, NumBytes());
     }

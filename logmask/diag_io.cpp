@@ -19,7 +19,7 @@ constexpr int kSendTries = 5;
 constexpr useconds_t kSendRetryPauseUs = 5000;
 // A reply that comes in time costs this share of its wait: a modem that answers surely, but slowly,
 // is heard out, and still cannot hold the daemon longer than so many times the budget.
-constexpr int kReplyCostDivisor = 4;
+constexpr int kReplyCostDivisor = 2;
 constexpr char kFlag = static_cast<char>(kHdlcFlag);
 constexpr unsigned char kTimeStampReply = 0x1D;  // DIAG time stamp
 

@@ -7,9 +7,7 @@
 
 namespace {
 
-// As long as a tool may take nothing.
-constexpr time_t kLimitS = 60;
-constexpr int kRoom = 4 << 20;  // bytes; the system gives what it allows, some hundred thousand
+constexpr int kRoom = 256 << 10;  // bytes; the system allows as much to anyone
 
 }  // namespace
 
@@ -32,21 +30,27 @@ ToolWatch::~ToolWatch() {
     if (mTimerFd != -1) close(mTimerFd);
 }
 
-void ToolWatch::Limit(bool isLimited) {
-    mIsLimited = isLimited;
-    mHasExpired = false;
-    itimerspec time = {};
-    if (isLimited) {
-        time.it_value.tv_sec = kLimitS;
-        setsockopt(mToolFd, SOL_SOCKET, SO_RCVBUF, &kRoom, sizeof(kRoom));
-    }
-    timerfd_settime(mTimerFd, 0, &time, nullptr);
-}
-
 void ToolWatch::Update() {
     epoll_event event = {};
     while (epoll_wait(mEpollFd, &event, 1, 0) > 0) {
         if (event.data.fd == mToolFd) mHasEnded = true;
-        if (event.data.fd == mTimerFd) mHasExpired = mIsLimited;
     }
+}
+
+void ToolWatch::WakeAt(std::chrono::steady_clock::time_point moment) {
+    const auto sinceBoot = moment.time_since_epoch();  // of CLOCK_MONOTONIC
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceBoot);
+    itimerspec time = {};
+    time.it_value = {seconds.count(), std::chrono::nanoseconds(sinceBoot - seconds).count()};
+    timerfd_settime(mTimerFd, TFD_TIMER_ABSTIME, &time, nullptr);
+}
+
+void ToolWatch::MakeRoom() {
+    if (mHasRoom) return;
+    mHasRoom = true;
+    int room = 0;
+    socklen_t size = sizeof(room);
+    // The system counts its own needs in: it shows twice what was asked for.
+    if (getsockopt(mToolFd, SOL_SOCKET, SO_RCVBUF, &room, &size) != 0 || room >= 2 * kRoom) return;
+    setsockopt(mToolFd, SOL_SOCKET, SO_RCVBUF, &kRoom, sizeof(kRoom));
 }

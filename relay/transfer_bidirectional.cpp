@@ -30,6 +30,11 @@ constexpr useconds_t kStartPauseUs = 4000;
 constexpr useconds_t kReconfigurePauseUs = 20000;
 constexpr std::chrono::milliseconds kFrameEndLimit(20);
 
+// How long a modem that takes nothing is waited for when the tool has gone, and as long as it has
+// not.
+constexpr std::chrono::milliseconds kRefusalLimit(700);
+constexpr std::chrono::seconds kToolLimit(60);
+
 // How long, in sum, a modem that takes or answers nothing holds a connection's start and its end.
 constexpr std::chrono::milliseconds kStartWaitBudget(2000);
 constexpr std::chrono::milliseconds kEndWaitBudget(1000);
@@ -95,6 +100,7 @@ class Connection {
     bool HasBufferFailed() const;
     bool HandleReady();
     bool IsToolGivenUp();
+    bool IsOverAt(std::chrono::steady_clock::time_point moment);
     bool IsLinkRemoved();
 
     int mApFd;  // tool's socket, -1 when there is none or it has been closed
@@ -202,17 +208,32 @@ bool Connection::HandleReady() {
     return !IsToolGivenUp() && !IsLinkRemoved();
 }
 
-// Whether the tool is given up because the modem has refused its bytes through all retries, and the
-// tool has gone meanwhile or the modem goes on refusing. Otherwise the tool is read up to its end.
+// Whether the tool is given up because the modem takes nothing of its bytes, and the tool has gone
+// meanwhile or waited for long. A tool whose bytes move, or find room, is read up to its end.
 bool Connection::IsToolGivenUp() {
-    const bool isModemStalled = mToModem.ThreadExitCode() == -EAGAIN;
-    if (isModemStalled != mToolWatch.IsLimited()) mToolWatch.Limit(isModemStalled);
+    if (mToModem.IsFull()) mToModem.NoteRefusal();
+    const auto since = mToModem.RefusedSince();
+    const bool isRefused = since != decltype(since)();
     const bool isMarked = mToolWatch.Fd() != -1 && FD_ISSET(mToolWatch.Fd(), &mReadSet);
-    if (isModemStalled || isMarked) mToolWatch.Update();
-    if (!isModemStalled || !(mToolWatch.HasEnded() || mToolWatch.HasExpired())) return false;
+    if (isRefused || isMarked) mToolWatch.Update();
+    // While capture is on, the refusal itself ends the connection.
+    if (!isRefused || gLogEnable != 0) return false;
+    if (!IsOverAt(since + kRefusalLimit)) return false;
+    if (!mToolWatch.HasEnded()) {
+        if (!mToModem.IsFull()) return false;
+        mToolWatch.MakeRoom();
+        if (!IsOverAt(since + kToolLimit)) return false;
+    }
     LIB_LOGE("the modem takes nothing, and fd %d %s", mApFd,
              mToolWatch.HasEnded() ? "was closed by the remote end" : "has waited long enough");
     return true;
+}
+
+// Whether the moment has come; if not, select will end then.
+bool Connection::IsOverAt(std::chrono::steady_clock::time_point moment) {
+    if (std::chrono::steady_clock::now() >= moment) return true;
+    mToolWatch.WakeAt(moment);
+    return false;
 }
 
 bool Connection::IsLinkRemoved() {

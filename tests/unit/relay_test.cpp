@@ -3,9 +3,11 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <string>
+#include <thread>
 
 #include "relay/transfer_bidirectional.h"
 #include "tests/unit/support/descriptors.h"
@@ -113,6 +115,26 @@ TEST_P(RelayToStalledModem, EndsWithTheTool) {
 
 // The second is more than the ring holds: then the tool is not read up to its end.
 INSTANTIATE_TEST_SUITE_P(Sizes, RelayToStalledModem, ::testing::Values(10, 100000));
+
+TEST_F(Relay, SlowModemGetsAllOfAToolThatClosed) {
+    // The ring's content takes longer than the retries of a write last.
+    constexpr size_t kPiece = 64;
+    const int small = 1;
+    setsockopt(modem.near, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    const std::string bytes = Pattern(25600);
+    Start();
+    WriteAll(tool.far, bytes);
+    tool.CloseFar();
+    std::string taken;
+    while (taken.size() < bytes.size()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // this is the slowness
+        const std::string piece = ReadExactly(modem.far, kPiece);
+        if (piece.empty()) break;
+        taken += piece;
+    }
+    EXPECT_TRUE(taken == bytes);
+    EXPECT_EQ(0, result.get());
+}
 
 TEST_F(Relay, NeedsBothSides) {
     EXPECT_EQ(-1,

@@ -1,6 +1,7 @@
 #include "relay/transfer_buffer.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "platform/tagged_log.h"
@@ -34,10 +35,12 @@ bool TransferBuffer::HandleSelect(fd_set& readSet, fd_set& writeSet, fd_set& /*e
     }
     const bool writable = FD_ISSET(mWriteFd, &writeSet);
     FD_CLR(mWriteFd, &writeSet);
-    // A peer that takes nothing must not slow the other direction: only new bytes, or the end of
-    // their source, are tried on a descriptor that is not ready.
+    // A peer that takes nothing must not slow the other direction, nor the news of the link: only
+    // new bytes, or the end of their source, are tried on a descriptor that is not ready, and these
+    // only until it has refused some.
     const bool tookBytes = mCircularBuffer.NumBytes() > heldBefore;
-    if (!writable && !tookBytes && result) return true;
+    const bool refuses = mCircularBuffer.RefusedSince() != std::chrono::steady_clock::time_point();
+    if (!writable && (refuses || (!tookBytes && result))) return result;
     return HandleWrite() && result;
 }
 

@@ -216,8 +216,9 @@ bool Connection::IsToolGivenUp() {
     const bool isRefused = since != decltype(since)();
     const bool isMarked = mToolWatch.Fd() != -1 && FD_ISSET(mToolWatch.Fd(), &mReadSet);
     if (isRefused || isMarked) mToolWatch.Update();
-    // While capture is on, the refusal itself ends the connection.
-    if (!isRefused || gLogEnable != 0) return false;
+    if (!isRefused) return false;
+    // While capture is on, that ends the connection by itself.
+    if (gLogEnable != 0 && HasBufferFailed()) return false;
     if (!IsOverAt(since + kRefusalLimit)) return false;
     if (!mToolWatch.HasEnded()) {
         if (!mToModem.IsFull()) return false;

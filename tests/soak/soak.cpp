@@ -90,7 +90,7 @@ class Soak {
 
     // A tool that is gone before it is served.
     void Knock() {
-        ASSERT_EQ(0, mTool.Connect());
+        ASSERT_TRUE(Connect(mTool));
         ASSERT_TRUE(Leave(mTool));
     }
 
@@ -229,7 +229,7 @@ class Soak {
     void HideThePort() {
         const size_t misses = UpTo(10);
         mLine->Disappear();
-        ASSERT_EQ(0, mTool.Connect());
+        ASSERT_TRUE(Connect(mTool));
         for (size_t i = 0; i < misses; ++i)
             ASSERT_TRUE(mDaemon.WaitForLog("Can't open /dev/ttydiag0 on try " + std::to_string(i)));
         if (misses == 10) {
@@ -326,10 +326,17 @@ class Soak {
         return mDaemon.WaitForLog("ListenerThread prop change");
     }
 
-    AssertionResult Attach(Tool& tool) {
+    // A link that comes and goes may leave several lines of listening behind: only those after this
+    // connection tell of its end.
+    AssertionResult Connect(Tool& tool) {
         const int error = tool.Connect();
         if (error != 0) return AssertionFailure() << "not connected: " << strerror(error);
-        return Greet(tool);
+        return mDaemon.WaitForLog("Accepted FD");
+    }
+
+    AssertionResult Attach(Tool& tool) {
+        const auto connected = Connect(tool);
+        return connected ? Greet(tool) : connected;
     }
 
     // Until the tool's first request came to the modem; before it, only the daemon's own may have.

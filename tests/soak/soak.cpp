@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -42,9 +43,10 @@ class Soak : public SoakRig {
         const std::string toModem = Mix(mRandom, UpTo(500'000), false).all;
         ASSERT_TRUE(Attach(mTool));
         const Flood down(*mLine, mix.all, Flood::kOnce);
-        const Flood up(mTool, toModem, Flood::kOnce);
+        std::optional<Flood> up(std::in_place, mTool, toModem, Flood::kOnce);
         EXPECT_TRUE(Same(mix.forTool, mTool.ReceiveExactly(mix.forTool.size())));
         EXPECT_TRUE(mModem->TakeReceived(toModem));
+        up.reset();
         ASSERT_TRUE(Finish(mTool));
         EXPECT_TRUE(Same(mix.own, Captured()));
     }
@@ -134,10 +136,11 @@ class Soak : public SoakRig {
         const std::string toModem = Mix(mRandom, 300'000, false).all;
         ASSERT_TRUE(Attach(mTool));
         mModem.reset();
-        const Flood up(mTool, toModem, Flood::kOnce);
+        std::optional<Flood> up(std::in_place, mTool, toModem, Flood::kOnce);
         ASSERT_TRUE(mDaemon.WaitForLog(kTriesAgain));
         Answer();
         EXPECT_TRUE(mModem->TakeReceived(toModem));
+        up.reset();
         ASSERT_TRUE(Finish(mTool));
     }
 

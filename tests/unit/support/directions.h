@@ -43,7 +43,12 @@ class CircularBufferExtPeer {
         }
         return codes;
     }
-    static bool WaitUntilHandled(Buffer& buffer) { return buffer.WaitForEmptyQueue(); }
+    static bool WaitUntilHandled(Buffer& buffer) {
+        int result = buffer.WaitForEmptyQueue();
+        while (result == -EAGAIN)
+            result = buffer.WaitForEmptyQueue();
+        return result == 1;
+    }
     static bool IsBalanced(const Buffer& buffer) { return buffer.IsCountBalanced(); }
     static uint64_t CapturedAndSent(const Buffer& buffer) {
         return buffer.mTotalLengthForLogDataWriteToAp;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -189,10 +190,12 @@ class Soak : public SoakRig {
 
     // The tool makes requests all the time; each answer has own frames of the modem behind it.
     void MoveTheSwitch() {
+        std::mutex mutex;  // of the next two
         std::string sent;
         std::string lastSent;
         int answers = 0;
         mAnswerTool = [&] {
+            const std::lock_guard<std::mutex> lock(mutex);
             lastSent = Frame("\x79" + std::to_string(++answers) + " end");
             std::string all = Frame("\x0C" + std::to_string(answers));
             while (all.size() < 4000)
@@ -223,9 +226,13 @@ class Soak : public SoakRig {
         }
         ASSERT_TRUE(mDaemon.WaitForLog("end gLogEnable:0"));
         ASSERT_TRUE(makeRoundTrip());
-        ASSERT_TRUE(toolGets(lastSent, 0));  // the switch is off
+        mutex.lock();
+        const std::string last = lastSent;
+        mutex.unlock();
+        ASSERT_TRUE(toolGets(last, 0));  // the switch is off
         ASSERT_TRUE(Finish(mTool));
         EXPECT_TRUE(Same(requested, WithoutOwnRequests(mModem->Received())));
+        const std::lock_guard<std::mutex> lock(mutex);
         EXPECT_EQ(sent.size(), atTool.size() + Captured().size());
     }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "logmask/log_mask.h"
 #include "platform/hex_trace.h"
@@ -17,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kSendTries = 5;
 constexpr useconds_t kSendRetryPauseUs = 5000;
+constexpr std::chrono::milliseconds kReadyPause(2);
 // A reply that comes in time costs this share of its wait: a modem that answers surely, but slowly,
 // is heard out, and still cannot hold the daemon longer than so many times the budget.
 constexpr int kReplyCostDivisor = 2;
@@ -48,6 +50,12 @@ bool LogMask::WaitFor(short events) {
     return ready > 0;
 }
 
+// Sleeps at the cost of the budget.
+void LogMask::Rest(std::chrono::nanoseconds pause) {
+    std::this_thread::sleep_for(pause);
+    mWaitBudget -= std::min(pause, mWaitBudget);
+}
+
 // Writes as a port in blocking mode would, but only as long as the wait budget lasts. Returns the
 // bytes written, or -1 with errno when there were none.
 int LogMask::WriteWithinBudget(const char* data, int len) {
@@ -55,14 +63,20 @@ int LogMask::WriteWithinBudget(const char* data, int len) {
     fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
     int done = 0;
     int error = 0;
+    bool wasReady = false;
     while (done < len) {
         const ssize_t n = write(mDiagFd, data + done, static_cast<size_t>(len - done));
         if (n > 0) {
             done += static_cast<int>(n);
+            wasReady = false;
             continue;
         }
         error = n < 0 ? errno : 0;
-        if (error != EAGAIN || !WaitFor(POLLOUT)) break;
+        if (error != EAGAIN) break;
+        // Ready, but took nothing all the same: that costs, too.
+        if (wasReady) Rest(kReadyPause);
+        wasReady = WaitFor(POLLOUT) && mWaitBudget.count() > 0;
+        if (!wasReady) break;
     }
     fcntl(mDiagFd, F_SETFL, flags);
     errno = error;
@@ -109,8 +123,15 @@ int LogMask::ReadOnce(char (&area)[kDiagAreaSize]) {
         LIB_LOGE(" FTM port not opened");
         return -1;
     }
-    const bool ready = !IsBlocking(mDiagFd) || WaitFor(POLLIN);
-    const int n = ready ? static_cast<int>(read(mDiagFd, area, sizeof(area))) : -1;
+    const int flags = fcntl(mDiagFd, F_GETFL, 0);
+    const bool blocking = IsBlocking(mDiagFd);
+    int n = -1;
+    if (!blocking || WaitFor(POLLIN)) {
+        // Not in blocking mode: readiness is a promise that nobody has to keep.
+        if (blocking) fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
+        n = static_cast<int>(read(mDiagFd, area, sizeof(area)));
+        if (blocking) fcntl(mDiagFd, F_SETFL, flags);
+    }
     if (n <= 0) {
         LIB_LOGE(" Failed to read any data from FTM port,cout_read_bytes=%d", n);
         return -1;

@@ -87,6 +87,7 @@ class LogMask {
     int SendFrame(const char* data, int len);
     int ReadOnce(char (&area)[kDiagAreaSize]);
     bool WaitFor(short events);
+    void Rest(std::chrono::nanoseconds pause);
 
     char mMaskFile[501] = {};  // path last given to DiagMaskRead
     char mSetLogMaskCmd[kEquipmentIds][kDiagAreaSize] = {};

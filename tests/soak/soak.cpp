@@ -194,6 +194,7 @@ class Soak : public SoakRig {
         std::string sent;
         std::string lastSent;
         int answers = 0;
+        mModem.reset();
         mAnswerTool = [&] {
             const std::lock_guard<std::mutex> lock(mutex);
             lastSent = Frame("\x79" + std::to_string(++answers) + " end");
@@ -203,6 +204,7 @@ class Soak : public SoakRig {
             sent += all + lastSent;
             return all + lastSent;
         };
+        Answer();
         int requests = 0;
         std::string requested;
         std::string atTool;

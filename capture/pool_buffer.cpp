@@ -51,7 +51,9 @@ bool PoolBuffer::IsStorable() {
 bool PoolBuffer::WaitForSpace(std::unique_lock<std::mutex>& lock) {
     if (mExit == 1) return false;
     if (!IsFull()) return true;
+    lock.unlock();  // the writer must not wait for a log line
     LIB_LOGE("PoolBuffer: Read wait cond");
+    lock.lock();
     mSpaceCond.wait(lock, [this] { return !IsFull() || mExit == 1; });
     return mExit == 0;
 }
@@ -129,7 +131,10 @@ void PoolBuffer::StoreFullSlots() {
         const bool isSlow = Clock::now() - start >= kSlowStore;
         lock.lock();
         mWriteIndex = Next(mWriteIndex);
-        if (isSlow || FreeSlots() >= kSlotsPerWakeup) mSpaceCond.notify_one();
+        if (!isSlow && FreeSlots() < kSlotsPerWakeup) continue;
+        lock.unlock();  // who is woken needs it
+        mSpaceCond.notify_one();
+        lock.lock();
     }
 }
 

@@ -23,7 +23,9 @@ CircularBufferExt::FreeBlockWait CircularBufferExt::WaitForFreeBlock() {
     const auto isFree = [this] { return NextBlock(mReadIndex) != mWriteIndex; };
     if (!isFree()) {
         if (!mIsQueueFull) {
+            lock.unlock();  // the processing thread must not wait for a log line
             LIB_LOGE("%s, CircularBufferExt: Read wait cond as buffer is FULL ", mName);
+            lock.lock();
         }
         mIsQueueFull = !mSpaceCond.wait_for(lock, kWaitLimit, [&] {
             return isFree() || mStop != 0 || mIsProcessReadThreadExit != 0;
@@ -50,9 +52,11 @@ int CircularBufferExt::WaitForEmptyQueue() {
 void CircularBufferExt::QueueBlock(int len) {
     mBlockSizes[mReadIndex] = len;
     LIB_LOGD("%s: Current size: %d for index: %d", mName, len, mReadIndex);
-    const std::lock_guard<std::mutex> lock(mIndexMutex);
-    mReadIndex = NextBlock(mReadIndex);
-    mDataCond.notify_one();
+    {
+        const std::lock_guard<std::mutex> lock(mIndexMutex);
+        mReadIndex = NextBlock(mReadIndex);
+    }
+    mDataCond.notify_one();  // who is woken needs the lock
 }
 
 // The modem port cannot be read: the relay learns of it through mThreadExitCode.

@@ -107,9 +107,11 @@ void CircularBufferExt::ProcessBlock(int index) {
 
 // Lets the relay thread fill the block just handled again.
 void CircularBufferExt::FreeBlock() {
-    const std::lock_guard<std::mutex> lock(mIndexMutex);
-    mWriteIndex = NextBlock(mWriteIndex);
-    mSpaceCond.notify_one();
+    {
+        const std::lock_guard<std::mutex> lock(mIndexMutex);
+        mWriteIndex = NextBlock(mWriteIndex);
+    }
+    mSpaceCond.notify_one();  // who is woken needs the lock
 }
 
 // The last act of the processing thread; nobody may go on waiting for it.

@@ -25,8 +25,7 @@ constexpr int kReplyCostDivisor = 2;
 constexpr char kFlag = static_cast<char>(kHdlcFlag);
 constexpr unsigned char kTimeStampReply = 0x1D;  // DIAG time stamp
 
-bool IsBlocking(int fd) {
-    const int flags = fcntl(fd, F_GETFL, 0);
+bool IsBlocking(int flags) {
     return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 
@@ -95,7 +94,7 @@ int LogMask::DiagDataSend(const char* data, int len) {
 
 // Tries to send one frame. Returns 1, or -1 with an error line.
 int LogMask::SendFrame(const char* data, int len) {
-    const bool blocking = IsBlocking(mDiagFd);
+    const bool blocking = IsBlocking(fcntl(mDiagFd, F_GETFL, 0));
     for (int attempt = 0; attempt < kSendTries; ++attempt) {
         const int n = blocking ? WriteWithinBudget(data, len)
                                : static_cast<int>(write(mDiagFd, data, static_cast<size_t>(len)));
@@ -124,7 +123,7 @@ int LogMask::ReadOnce(char (&area)[kDiagAreaSize]) {
         return -1;
     }
     const int flags = fcntl(mDiagFd, F_GETFL, 0);
-    const bool blocking = IsBlocking(mDiagFd);
+    const bool blocking = IsBlocking(flags);
     int n = -1;
     if (!blocking || WaitFor(POLLIN)) {
         // Not in blocking mode: readiness is a promise that nobody has to keep.

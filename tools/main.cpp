@@ -13,12 +13,21 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
+// To be called after parsing, which names a word that it does not know; were subcommands required
+// then, it would only say that one is missing.
+void RequireSubcommand(const CLI::App& app) {
+    if (app.get_subcommands({}).empty()) return;
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    if (chosen.empty()) throw CLI::RequiredError::Subcommand(1);
+    RequireSubcommand(*chosen.front());
+}
+
 int Run(int argc, char** argv) {
     CLI::App app{
         "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, "
         "makes log-mask files and reads captures.",
         "quilltool"};
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.footer(
         "Exit status: 0 success, 1 failure, 2 wrong usage.\n\n"
         "Example:\n"
@@ -31,6 +40,7 @@ int Run(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
+        RequireSubcommand(app);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kExitOk : kExitUsage;
     }

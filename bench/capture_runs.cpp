@@ -92,8 +92,8 @@ void MeasureCapture(const Extent& extent, Report& report) {
     report.Add(resident);
 }
 
-void MeasureDisk(const Extent& extent, const std::string& directory, Report& report) {
-    const DiskMount disk(directory);
+void MeasureDisk(const Extent& extent, Report& report) {
+    const DiskMount disk(extent.disk);
     const double bytes = kDiskBytes * extent.share;
     const int turns = 2 * extent.rounds;
     Row rate{"capture on a disk", "MB/s"};

@@ -11,6 +11,7 @@ inline constexpr double kGiga = 1e9;
 struct Extent {
     int rounds = 5;
     double share = 1;  // of the full volumes, counts and times
+    std::string disk;  // a directory of one
 };
 
 // What moving some bytes took.
@@ -41,7 +42,7 @@ CaptureResult RunCapture(Capture capture, double bytes);
 void MeasureCapture(const Extent& extent, Report& report);
 
 // Into a directory of a disk.
-void MeasureDisk(const Extent& extent, const std::string& directory, Report& report);
+void MeasureDisk(const Extent& extent, Report& report);
 
 // Round trips while the modem sends all that the line takes.
 void MeasureFlood(const Extent& extent, Report& report);

@@ -9,12 +9,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// While flash is fast, a producer that waits is woken for several slots at once: waking it for each
-// costs more than storing one. As it waits, more slots are full, so the writer comes to that.
-constexpr auto kSlowStore = std::chrono::milliseconds(1);
-constexpr int kSlotsPerWakeup = 24;
+// A producer that waits is woken for many slots at once, as waking it costs more than storing one;
+// but not so late that the tool, whose bytes pass through the same hands, notices.
+constexpr int kSlotsPerWakeup = 40;
+constexpr auto kWakeupLimit = std::chrono::milliseconds(2);
 
 }  // namespace
 
@@ -54,7 +52,9 @@ bool PoolBuffer::WaitForSpace(std::unique_lock<std::mutex>& lock) {
     lock.unlock();  // the writer must not wait for a log line
     LIB_LOGE("PoolBuffer: Read wait cond");
     lock.lock();
+    mReadWaitsSince = Clock::now();
     mSpaceCond.wait(lock, [this] { return !IsFull() || mExit == 1; });
+    mReadWaitsSince = {};
     return mExit == 0;
 }
 
@@ -119,6 +119,12 @@ void PoolBuffer::StoreSlot(int index) {
     mLength[index] = 0;
 }
 
+// Whether Read waits and enough slots, or enough time, have passed.
+bool PoolBuffer::IsReadToBeWoken() const {
+    if (mReadWaitsSince == Clock::time_point()) return false;
+    return FreeSlots() >= kSlotsPerWakeup || Clock::now() - mReadWaitsSince >= kWakeupLimit;
+}
+
 // Stores full slots as they come, until exit was requested and none is left.
 void PoolBuffer::StoreFullSlots() {
     std::unique_lock<std::mutex> lock(mIndexMutex);
@@ -126,12 +132,10 @@ void PoolBuffer::StoreFullSlots() {
         mDataCond.wait(lock, [this] { return mReadIndex != mWriteIndex || mExit == 1; });
         if (mReadIndex == mWriteIndex) return;
         lock.unlock();
-        const auto start = Clock::now();
         StoreSlot(mWriteIndex);  // only this thread moves mWriteIndex
-        const bool isSlow = Clock::now() - start >= kSlowStore;
         lock.lock();
         mWriteIndex = Next(mWriteIndex);
-        if (!isSlow && FreeSlots() < kSlotsPerWakeup) continue;
+        if (!IsReadToBeWoken()) continue;
         lock.unlock();  // who is woken needs it
         mSpaceCond.notify_one();
         lock.lock();

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -16,6 +17,8 @@
 // One mutex, mIndexMutex, guards the indices and the exit request; both conditions are tested and
 // waited for under it. It is never held while a slot is filled or stored.
 class PoolBuffer {
+    using Clock = std::chrono::steady_clock;
+
   public:
     PoolBuffer();
     PoolBuffer(const PoolBuffer&) = delete;
@@ -51,6 +54,7 @@ class PoolBuffer {
     bool FindSlot(std::unique_lock<std::mutex>& lock, int len);
     void WriteThread();
     void StoreSlot(int index);
+    bool IsReadToBeWoken() const;
     void StoreFullSlots();
 
     pthread_t mThread = {};
@@ -67,6 +71,7 @@ class PoolBuffer {
     int32_t mReadIndex = 0;              // slot being filled; mIndexMutex
     int32_t mWriteIndex = 0;             // slot stored next; mIndexMutex
     int32_t mExit = 0;                   // 1 once exit was requested; mIndexMutex
+    Clock::time_point mReadWaitsSince;   // the clock's beginning: it does not; mIndexMutex
     std::condition_variable mDataCond;   // a full slot or an exit request; with mIndexMutex
     std::condition_variable mSpaceCond;  // a slot emptied or an exit request; with mIndexMutex
 };

@@ -18,9 +18,9 @@ struct Subject {
 };
 
 const Subject kSubjects[] = {
-    {"relay", MeasureRelay},     {"capture", MeasureCapture}, {"disk", MeasureDisk},
-    {"flood", MeasureFlood},     {"idle", MeasureIdle},       {"growth", MeasureGrowth},
-    {"framing", MeasureFraming},
+    {"to-tool", MeasureToTool},  {"to-modem", MeasureToModem}, {"round-trip", MeasureRoundTrips},
+    {"capture", MeasureCapture}, {"disk", MeasureDisk},        {"flood", MeasureFlood},
+    {"idle", MeasureIdle},       {"growth", MeasureGrowth},    {"framing", MeasureFraming},
 };
 
 std::vector<std::string> SubjectNames() {

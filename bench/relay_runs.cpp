@@ -108,8 +108,25 @@ void MeasureWay(const Extent& extent, Way way, const std::string& name, double c
     report.Add(cpu);
 }
 
+}  // namespace
+
+Cost RelayToTool(double bytes) {
+    return Transfer(kContenders[0], Way::kToTool, bytes);
+}
+
+void MeasureToTool(const Extent& extent, Report& report) {
+    const Modem modem;
+    MeasureWay(extent, Way::kToTool, "modem to tool", 0.95, report);
+}
+
+void MeasureToModem(const Extent& extent, Report& report) {
+    const Modem modem;
+    MeasureWay(extent, Way::kToModem, "tool to modem", 1.05, report);
+}
+
 void MeasureRoundTrips(const Extent& extent, Report& report) {
     constexpr double kGoal = 0.9;
+    const Modem modem;
     Row median{"round trip of 64 bytes, p50", "us", true};
     Row slow{"round trip of 64 bytes, p99", "us", true};
     Row cpu{"round trip of 64 bytes, CPU", "us", true};
@@ -128,17 +145,4 @@ void MeasureRoundTrips(const Extent& extent, Report& report) {
     report.AtMost("round trip CPU of socat's", cpu.Ratio(), kGoal);
     for (const Row& row : {median, slow, cpu})
         report.Add(row);
-}
-
-}  // namespace
-
-Cost RelayToTool(double bytes) {
-    return Transfer(kContenders[0], Way::kToTool, bytes);
-}
-
-void MeasureRelay(const Extent& extent, Report& report) {
-    const Modem modem;
-    MeasureWay(extent, Way::kToTool, "modem to tool", 0.95, report);
-    MeasureWay(extent, Way::kToModem, "tool to modem", 1.05, report);
-    MeasureRoundTrips(extent, report);
 }

@@ -24,8 +24,10 @@ struct Cost {
 // when a byte is wrong or missing.
 Cost RelayToTool(double bytes);
 
-// The daemon beside socat and beside a bare loop.
-void MeasureRelay(const Extent& extent, Report& report);
+// The daemon, capture off, beside socat and beside a bare loop.
+void MeasureToTool(const Extent& extent, Report& report);
+void MeasureToModem(const Extent& extent, Report& report);
+void MeasureRoundTrips(const Extent& extent, Report& report);
 
 enum class Capture { kOff, kAllToFlash, kTenthToTool };
 

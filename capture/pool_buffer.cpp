@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "capture/log_files.h"
+#include "daemon/scheduling.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -143,6 +144,7 @@ void PoolBuffer::StoreFullSlots() {
 }
 
 void PoolBuffer::WriteThread() {
+    WakeAtOnce();  // a store has several waits for the flash
     OpenRecordFile();
     StoreFullSlots();
     LIB_LOGD("PoolBuffer: thread stop");

@@ -14,6 +14,7 @@
 #include "daemon/ipc_connection.h"
 #include "daemon/log_switch.h"
 #include "daemon/property_watch.h"
+#include "daemon/scheduling.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -54,5 +55,6 @@ int main() {
     ReadLogSwitchAtStart();
     pthread_mutex_init(&gLogEnableMutex, nullptr);
     pthread_create(&gListenerThread, nullptr, ListenerThread, nullptr);
+    WakeWithoutInterrupting();
     start_ipc_connection();
 }

@@ -58,25 +58,29 @@ class Session {
     }
 
     CaptureResult Run(double bytes) {
-        const auto times =
-            static_cast<uint64_t>(std::ceil(bytes / static_cast<double>(mModem.Frames().size())));
-        const uint64_t sent = times * mModem.Frames().size();
+        Move(kWarmUpBytes);
         CaptureResult result{};
-        result.bytes = static_cast<double>(sent);
         const double before = mDaemon.CpuSeconds();
-        result.seconds = SecondsOf([&] {
-            mModem.SendBeforeNextAnswer(times);
-            mClient->Send(kVersionRequest);
-            Receive(ToolShare(times) + mAnswerSize);
-            if (mCapture != Capture::kOff) AwaitStored(sent);
-        });
+        result.seconds = SecondsOf([&] { result.bytes = Move(bytes); });
         result.cpuSeconds = mDaemon.CpuSeconds() - before;
         result.residentMegabytes = mDaemon.ResidentMegabytes();
-        result.isComplete = mCapture == Capture::kOff || IsAccounted(sent);
+        result.isComplete = mCapture == Capture::kOff || IsAccounted();
         return result;
     }
 
   private:
+    // Sends at least so many bytes, until tool and flash have them; returns how many.
+    double Move(double bytes) {
+        const auto times =
+            static_cast<uint64_t>(std::ceil(bytes / static_cast<double>(mModem.Frames().size())));
+        mSent += times * mModem.Frames().size();
+        mModem.SendBeforeNextAnswer(times);
+        mClient->Send(kVersionRequest);
+        Receive(ToolShare(times) + mAnswerSize);
+        if (mCapture != Capture::kOff) AwaitStored();
+        return static_cast<double>(times * mModem.Frames().size());
+    }
+
     // Of the frames that the modem sends.
     uint64_t ToolShare(uint64_t times) const {
         switch (mCapture) {
@@ -108,16 +112,16 @@ class Session {
         }
     }
 
-    void AwaitStored(uint64_t sent) {
+    void AwaitStored() {
         Await("the captured bytes", [&] {
             mFlash.RemoveFinished();
-            return mFlash.Bytes() + kSlotSize >= sent;
+            return mFlash.Bytes() + kSlotSize >= mSent;
         });
     }
 
     // Ends the connection and compares the daemon's own count with what tool and flash have got.
     // What the capture begins with, an answer to the daemon itself, is not in that count.
-    bool IsAccounted(uint64_t sent) {
+    bool IsAccounted() {
         SetProperty(kLogLevel, "D");
         std::this_thread::sleep_for(kLevelLife);
         mClient.reset();
@@ -129,9 +133,9 @@ class Session {
             return std::stoull(log.substr(at + name.size() + 1));
         };
         return !Contains(log, "Data number is not equal") &&
-               mFlash.Bytes() == sent + mFlash.FirstFrameSize() &&
-               counted("SavedToFlash") == sent && counted("WriteToAP") == mForTool &&
-               counted("ReadDataFromBP") + counted("LogDataWriteToAp") == sent + mForTool;
+               mFlash.Bytes() == mSent + mFlash.FirstFrameSize() &&
+               counted("SavedToFlash") == mSent && counted("WriteToAP") == mForTool &&
+               counted("ReadDataFromBP") + counted("LogDataWriteToAp") == mSent + mForTool;
     }
 
     const Capture mCapture;
@@ -140,6 +144,7 @@ class Session {
     Child mDaemon = StartDaemon();
     std::optional<DiagClient> mClient{ConnectFromPc()};
     uint64_t mAnswerSize = 0;  // of the version
+    uint64_t mSent = 0;        // bytes of the modem's frames
     uint64_t mForTool = 0;     // bytes that the tool has got
 };
 

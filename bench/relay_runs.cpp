@@ -59,30 +59,38 @@ void RoundTrip(DiagClient& client) {
     if (Ask(client, EchoRequest()) != EchoRequest()) throw std::runtime_error("wrong echo");
 }
 
-// Runs work on a connection through the contender that has carried some round trips already, and
-// returns the processor time that the contender took meanwhile.
-double WithContender(const Contender& contender, const std::function<void(DiagClient&)>& work) {
+using Work = std::function<void(DiagClient&)>;
+
+// Runs work on a connection through the contender after some round trips and the warm-up, and
+// returns the processor time that the contender took for work.
+double WithContender(const Contender& contender, const Work& warmUp, const Work& work) {
     const Child relay = contender.start();
     DiagClient client = ConnectFromPc(contender.port);
     for (int i = 0; i < kWarmUps; ++i)
         RoundTrip(client);
+    warmUp(client);
     const double before = relay.CpuSeconds();
     work(client);
     return relay.CpuSeconds() - before;
 }
 
 Cost Transfer(const Contender& contender, Way way, double bytes) {
-    const auto count = static_cast<uint64_t>(bytes);
-    BulkReport report;
-    const double cpu = WithContender(contender, [&](DiagClient& client) {
+    const auto move = [&](DiagClient& client, double volume) {
+        const auto count = static_cast<uint64_t>(volume);
         const bool toModem = way == Way::kToModem;
-        report = RunBulk(client, toModem ? count : 0, toModem ? 0 : count, kPatience);
-    });
-    const BulkResult& result = way == Way::kToModem ? report.up : report.down;
-    if (result.bytes != count || result.mismatch != kNoMismatch) {
-        throw std::runtime_error(contender.name + " brought wrong bytes");
-    }
-    return {result.seconds, cpu};
+        const BulkReport report =
+            RunBulk(client, toModem ? count : 0, toModem ? 0 : count, kPatience);
+        const BulkResult& result = toModem ? report.up : report.down;
+        if (result.bytes != count || result.mismatch != kNoMismatch) {
+            throw std::runtime_error(contender.name + " brought wrong bytes");
+        }
+        return result.seconds;
+    };
+    Cost cost{};
+    cost.cpuSeconds = WithContender(
+        contender, [&](DiagClient& client) { move(client, kWarmUpBytes); },
+        [&](DiagClient& client) { cost.seconds = move(client, bytes); });
+    return cost;
 }
 
 // Calls run with each contender in each round, another one first each time.
@@ -133,7 +141,8 @@ void MeasureRoundTrips(const Extent& extent, Report& report) {
     const int count = static_cast<int>(kRoundTrips * extent.share);
     InTurns(extent.rounds, [&](const Contender& contender) {
         std::vector<double> micros;
-        const double used = WithContender(contender, [&](DiagClient& client) {
+        const Work none = [](DiagClient& /*client*/) {};
+        const double used = WithContender(contender, none, [&](DiagClient& client) {
             for (int i = 0; i < count; ++i)
                 micros.push_back(SecondsOf([&client] { RoundTrip(client); }) * 1e6);
         });

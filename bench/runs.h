@@ -8,6 +8,10 @@
 inline constexpr double kMega = 1e6;
 inline constexpr double kGiga = 1e9;
 
+// What a connection moves before it is measured: in its first tenth of a second the system still
+// finds out where to run whom, and memory is touched for the first time.
+inline constexpr double kWarmUpBytes = 10e6;
+
 struct Extent {
     int rounds = 5;
     double share = 1;  // of the full volumes, counts and times

@@ -232,7 +232,7 @@ CLI::App* AddFollow(CLI::App& parent, CaptureOptions& options) {
 Subcommand AddCaptureCommand(CLI::App& parent) {
     auto options = std::make_shared<CaptureOptions>();
     CLI::App* app = parent.add_subcommand("capture", "Capture files: shown, added up, followed");
-    app->require_subcommand(0, 1);
+    app->require_subcommand(1);
     app->footer(
         "Examples:\n"
         "  quilltool capture show /data/misc/radio --limit 20\n"

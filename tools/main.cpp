@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <vector>
 
 #include "tools/subcommand.h"
@@ -13,21 +14,12 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-// To be called after parsing, which names a word that it does not know; were subcommands required
-// then, it would only say that one is missing.
-void RequireSubcommand(const CLI::App& app) {
-    if (app.get_subcommands({}).empty()) return;
-    const std::vector<CLI::App*> chosen = app.get_subcommands();
-    if (chosen.empty()) throw CLI::RequiredError::Subcommand(1);
-    RequireSubcommand(*chosen.front());
-}
-
 int Run(int argc, char** argv) {
     CLI::App app{
         "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, "
         "makes log-mask files and reads captures.",
         "quilltool"};
-    app.require_subcommand(0, 1);
+    app.require_subcommand(1);
     app.footer(
         "Exit status: 0 success, 1 failure, 2 wrong usage.\n\n"
         "Example:\n"
@@ -40,7 +32,15 @@ int Run(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
-        RequireSubcommand(app);
+    } catch (const CLI::RequiredError& error) {
+        // A word that is not known tells more than what its place would have been for.
+        const std::vector<std::string> unknown = app.remaining(true);
+        if (unknown.empty()) {
+            app.exit(error);
+        } else {
+            app.exit(CLI::ExtrasError(unknown));
+        }
+        return kExitUsage;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kExitOk : kExitUsage;
     }

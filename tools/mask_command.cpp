@@ -162,7 +162,7 @@ CLI::App* AddRanges(CLI::App& parent, MaskOptions& options) {
 Subcommand AddMaskCommand(CLI::App& parent) {
     auto options = std::make_shared<MaskOptions>();
     CLI::App* app = parent.add_subcommand("mask", "Log-mask files: made from text lists, shown");
-    app->require_subcommand(0, 1);
+    app->require_subcommand(1);
     app->footer(
         "Examples:\n"
         "  quilltool mask compile DIAG.list -o DIAG.cfg\n"

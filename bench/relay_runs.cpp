@@ -14,7 +14,7 @@ namespace {
 constexpr uint16_t kOtherPort = 11009;
 constexpr double kBulkBytes = 300e6;
 constexpr int kRoundTrips = 5000;
-constexpr int kWarmUps = 100;
+constexpr int kWarmUpRoundTrips = 100;
 
 struct Contender {
     std::string name;
@@ -66,7 +66,7 @@ using Work = std::function<void(DiagClient&)>;
 double WithContender(const Contender& contender, const Work& warmUp, const Work& work) {
     const Child relay = contender.start();
     DiagClient client = ConnectFromPc(contender.port);
-    for (int i = 0; i < kWarmUps; ++i)
+    for (int i = 0; i < kWarmUpRoundTrips; ++i)
         RoundTrip(client);
     warmUp(client);
     const double before = relay.CpuSeconds();
@@ -139,9 +139,9 @@ void MeasureRoundTrips(const Extent& extent, Report& report) {
     Row slow{"round trip of 64 bytes, p99", "us", true};
     Row cpu{"round trip of 64 bytes, CPU", "us", true};
     const int count = static_cast<int>(kRoundTrips * extent.share);
+    const Work none = [](DiagClient& /*client*/) {};
     InTurns(extent.rounds, [&](const Contender& contender) {
         std::vector<double> micros;
-        const Work none = [](DiagClient& /*client*/) {};
         const double used = WithContender(contender, none, [&](DiagClient& client) {
             for (int i = 0; i < count; ++i)
                 micros.push_back(SecondsOf([&client] { RoundTrip(client); }) * 1e6);

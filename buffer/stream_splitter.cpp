@@ -125,8 +125,8 @@ void CircularBufferExt::ForwardLogPiece(const char* start, int len) {
 // Hands the flash run, which ends just before end, to the pool.
 void CircularBufferExt::FlushRun(const char* end) {
     if (mRunStart == nullptr) return;
-    // The tool's share does not wait for the flash; but a tool that has failed is not tried for
-    // each run of the block.
+    // The tool's share does not wait for the flash; but once a side has failed, the tool is not
+    // tried for each run of the block.
     if (!IsEmpty() && mThreadExitCode > 0 && !mPoolBuffer->HasSpace()) Write(mWriteFd);
     const int taken = mPoolBuffer->Read(mRunStart, static_cast<int>(end - mRunStart));
     mTotalLengthForSavedToFlash += static_cast<uint64_t>(taken);

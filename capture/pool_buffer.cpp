@@ -11,7 +11,8 @@
 namespace {
 
 // A producer that waits is woken for many slots at once, as waking it costs more than storing one;
-// but not so late that the tool, whose bytes pass through the same hands, notices.
+// but not so late that the tool, whose bytes pass through the same hands, notices. The limit is
+// looked at after each store.
 constexpr int kSlotsPerWakeup = 40;
 constexpr auto kWakeupLimit = std::chrono::milliseconds(2);
 

@@ -55,6 +55,6 @@ int main() {
     ReadLogSwitchAtStart();
     pthread_mutex_init(&gLogEnableMutex, nullptr);
     pthread_create(&gListenerThread, nullptr, ListenerThread, nullptr);
-    WakeWithoutInterrupting();
+    WakeWithoutInterrupting();  // the watcher, created before, wakes as usual
     start_ipc_connection();
 }

@@ -1,4 +1,5 @@
-// Hints to the kernel for the daemon's threads. Where they are refused, all works as before.
+// Hints to the kernel for the daemon's threads, of a daemon that was started with the normal
+// policy. Where they are refused, all works as before.
 #pragma once
 
 // The calling thread, and those that it creates from then on, do not interrupt a running thread

@@ -8,8 +8,8 @@
 inline constexpr double kMega = 1e6;
 inline constexpr double kGiga = 1e9;
 
-// What a connection moves before it is measured: in its first tenth of a second the system still
-// finds out where to run whom, and memory is touched for the first time.
+// What a connection moves before it is measured: its first bytes cost otherwise than all later
+// ones, the relay less, the capture more.
 inline constexpr double kWarmUpBytes = 10e6;
 
 struct Extent {

@@ -96,7 +96,7 @@ class Flood {
                   const size_t at = sent % all.size();
                   const size_t n = from.SendSome(all.data() + at, all.size() - at);
                   sent += n;
-                  // Full: looks again soon, but must also notice that it is to stop.
+                  // Full: looks again soon, but must also notice that it is to stop; so it sleeps.
                   if (n == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
               }
           }) {}

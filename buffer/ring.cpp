@@ -198,7 +198,7 @@ ssize_t CircularBufferExt::ReadSpan(int fd) {
     if (n <= 0) return n;
     if (BeginsHdlcDisable(at, n)) {
         if (mIsDataFromBP) {
-            at[0] = static_cast<char>(kBadCommandResponse);
+            at[0] = static_cast<char>(kCmdBad);
         } else {
             at[4] = static_cast<char>(kDisarmedHdlcDisableByte);
         }

@@ -10,12 +10,9 @@
 
 namespace {
 
-constexpr int kLogPacket = 0x10;
-constexpr int kLogConfig = 0x73;
-
-// What the modem sends of its own: events and messages.
+// What the modem sends of its own, besides log packets: events and messages.
 bool IsReport(int code) {
-    return code == 0x60 || code == 0x79 || code == 0x92 || code == 0x98 || code == 0x99;
+    return code == kCmdEvent || IsMessage(code);
 }
 
 bool EndsFrame(char byte) {
@@ -57,7 +54,7 @@ void CircularBufferExt::SplitModemBytes(char* begin, char* end) {
         BeginFrame(begin);
         if (BeginsHdlcDisable(begin, end - begin)) {
             LogHdlcDisable();
-            begin[0] = static_cast<char>(kBadCommandResponse);
+            begin[0] = static_cast<char>(kCmdBad);
         }
     }
     mIsWholePakcetRead = EndsFrame(*last);
@@ -76,7 +73,7 @@ void CircularBufferExt::SplitModemBytes(char* begin, char* end) {
 
 void CircularBufferExt::BeginFrame(const char* start) {
     mCurrentCmdCode = static_cast<unsigned char>(*start);
-    mIsResponseIntercepted = mCurrentCmdCode == kLogConfig && mLogMask->IsLogPacketEnable();
+    mIsResponseIntercepted = mCurrentCmdCode == kCmdLogConfig && mLogMask->IsLogPacketEnable();
 }
 
 // Routes one piece of a frame, start to end inclusive: end is its 0x7E or, when the frame is cut,
@@ -84,7 +81,7 @@ void CircularBufferExt::BeginFrame(const char* start) {
 void CircularBufferExt::RoutePiece(char* start, char* end, char* last) {
     const auto len = static_cast<int>(end - start + 1);
     const bool isOver = EndsFrame(*end);
-    if (mCurrentCmdCode == kLogPacket) {
+    if (mCurrentCmdCode == kCmdLogPacket) {
         mIsToolLogPiece = msIsFTMLogEnable;
         ParseReadDataLog117C(start, end, last);
         if (mRunStart == nullptr) mRunStart = start;
@@ -106,7 +103,7 @@ void CircularBufferExt::RoutePiece(char* start, char* end, char* last) {
     }
     if (!mIsCurrentLogMaskCmdResponseNotCopyAgain) CopyToTool(start, len);
     FlushRun(start);
-    if (mCurrentCmdCode == kLogConfig && isOver) EndResponse();
+    if (mCurrentCmdCode == kCmdLogConfig && isOver) EndResponse();
 }
 
 // The tool wants the current log packet.

@@ -1,13 +1,35 @@
 // DIAG packets that the relay recognises by their first bytes.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
+
+// Command codes, the first byte of a packet.
+inline constexpr unsigned char kCmdVersion = 0x00;
+inline constexpr unsigned char kCmdLogPacket = 0x10;
+inline constexpr unsigned char kCmdBad = 0x13;  // answer: request not understood, request follows
+inline constexpr unsigned char kCmdTimeStamp = 0x1D;
+inline constexpr unsigned char kCmdSubsystem = 0x4B;
+inline constexpr unsigned char kCmdEvent = 0x60;  // both the on/off request and the reports
+inline constexpr unsigned char kCmdLogConfig = 0x73;
+inline constexpr unsigned char kCmdMessage = 0x79;
+inline constexpr unsigned char kCmdMessageConfig = 0x7D;
+
+// Whether packets of this code are messages of the modem, in one of their forms.
+inline constexpr bool IsMessage(int code) {
+    return code == kCmdMessage || code == 0x92 || code == 0x98 || code == 0x99;
+}
+
+// Operations of kCmdLogConfig, 32 bits at offset 4.
+inline constexpr uint32_t kLogConfigDisable = 0;
+inline constexpr uint32_t kLogConfigRanges = 1;
+inline constexpr uint32_t kLogConfigSetMask = 3;
+inline constexpr uint32_t kLogConfigGetMask = 4;
 
 // Subsystem command 0x4B, subsystem 0x12, command 0x0218: it disables the HDLC framing. It never
 // takes effect here: the tool's request is disarmed in its fifth byte, and the modem's answer gets
-// the first byte of a refusal.
+// the first byte of a refusal, kCmdBad.
 inline constexpr unsigned char kDisarmedHdlcDisableByte = 0x00;
-inline constexpr unsigned char kBadCommandResponse = 0x13;
 
 // Log configuration 0x73, operation 3: set log mask. None of these bytes is ever escaped.
 inline constexpr char kSetLogMaskPrefix[] = "\x73\x00\x00\x00\x03";

@@ -18,8 +18,6 @@ constexpr int kResponseIdAt = kEquipmentIdAt + kStatusSize;
 constexpr int kResponseBitsAt = kMaskBitsAt + kStatusSize;
 constexpr int kResponseMaskAt = kMaskAt + kStatusSize;
 
-constexpr int kSetMask = 3;
-constexpr int kGetMask = 4;
 constexpr int kLongestUntraced = 200;
 
 // The operation of the framed response [frame, frame + len), or -1 when it has none.
@@ -51,13 +49,13 @@ int CircularBufferExt::Parse73CmdResponse(char* start, char* end) {
     }
     const auto len = static_cast<int>(end - start + 1);
     switch (OperationOf(start, len)) {
-        case kSetMask:
+        case kLogConfigSetMask:
             ParseAPSetLogMaskResponse(start, end);
             mIsCurrentLogMaskCmdResponseNotCopyAgain = true;
             LIB_LOGD("mIsCurrentLogMaskCmdResponseNotCopyAgain: %d", 1);
             LIB_LOGD("ParseAPSetLogMaskResponse mIsWholePakcetRead: %d", mIsWholePakcetRead);
             break;
-        case kGetMask:
+        case kLogConfigGetMask:
             ParseAPGetLogMaskResponse(start, end);
             mIsCurrentLogMaskCmdResponseNotCopyAgain = true;
             LIB_LOGD("mIsCurrentLogMaskCmdResponseNotCopyAgain: %d", 1);

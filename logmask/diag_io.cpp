@@ -8,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "diag/diag_commands.h"
 #include "logmask/log_mask.h"
 #include "platform/hex_trace.h"
 #include "platform/tagged_log.h"
@@ -23,7 +24,6 @@ constexpr std::chrono::milliseconds kReadyPause(2);
 // is heard out, and still cannot hold the daemon longer than so many times the budget.
 constexpr int kReplyCostDivisor = 2;
 constexpr char kFlag = static_cast<char>(kHdlcFlag);
-constexpr unsigned char kTimeStampReply = 0x1D;  // DIAG time stamp
 
 bool IsBlocking(int flags) {
     return flags >= 0 && (flags & O_NONBLOCK) == 0;
@@ -141,7 +141,7 @@ int LogMask::ReadOnce(char (&area)[kDiagAreaSize]) {
 int LogMask::DiagDataRead() {
     char area[kDiagAreaSize];
     const int n = ReadOnce(area);
-    if (n > 0 && static_cast<unsigned char>(area[0]) == kTimeStampReply) {
+    if (n > 0 && static_cast<unsigned char>(area[0]) == kCmdTimeStamp) {
         LIB_LOGD(" Suessfully read data from FTM port,and bytes=%d", n);
         memcpy(mTimeStamp, area, static_cast<size_t>(n));
         mTimeStampLen = n;

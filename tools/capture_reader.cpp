@@ -25,19 +25,10 @@ bool BeginsCapturedFrame(const CaptureFrame& frame) {
 }  // namespace
 
 CaptureKind CaptureFrame::kind() const {
-    switch (packet.empty() ? kCmdBad : Command(packet)) {
-        case kCmdLogPacket:
-            return CaptureKind::kLogPacket;
-        case kCmdEvent:
-            return CaptureKind::kEvent;
-        case kCmdMessage:
-        case 0x92:
-        case 0x98:
-        case 0x99:
-            return CaptureKind::kMessage;
-        default:
-            return CaptureKind::kAnswer;
-    }
+    const unsigned char code = packet.empty() ? kCmdBad : Command(packet);
+    if (code == kCmdLogPacket) return CaptureKind::kLogPacket;
+    if (code == kCmdEvent) return CaptureKind::kEvent;
+    return IsMessage(code) ? CaptureKind::kMessage : CaptureKind::kAnswer;
 }
 
 std::optional<uint32_t> CaptureFrame::logCode() const {

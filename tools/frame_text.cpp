@@ -34,6 +34,7 @@ uint64_t SizeUnit(char suffix) {
 }
 
 const char* CommandName(unsigned char code) {
+    if (IsMessage(code)) return "message";
     switch (code) {
         case kCmdVersion:
             return "version";
@@ -43,17 +44,12 @@ const char* CommandName(unsigned char code) {
             return "bad command";
         case kCmdTimeStamp:
             return "time stamp";
-        case 0x4B:
+        case kCmdSubsystem:
             return "subsystem";
         case kCmdEvent:
             return "event";
         case kCmdLogConfig:
             return "log configuration";
-        case kCmdMessage:
-        case 0x92:
-        case 0x98:
-        case 0x99:
-            return "message";
         case kCmdMessageConfig:
             return "message configuration";
         case kCmdBulk:

@@ -1,26 +1,11 @@
-// Little-endian fields of DIAG packets that are built and read here, beside those of diag/hdlc.h.
+// Fields and commands of DIAG packets that are built and read here, beside those of diag/hdlc.h.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
+#include "diag/diag_commands.h"
 #include "diag/hdlc.h"
-
-// DIAG command codes.
-inline constexpr unsigned char kCmdVersion = 0x00;
-inline constexpr unsigned char kCmdLogPacket = 0x10;
-inline constexpr unsigned char kCmdBad = 0x13;  // answer: request not understood, request follows
-inline constexpr unsigned char kCmdTimeStamp = 0x1D;
-inline constexpr unsigned char kCmdEvent = 0x60;  // both the on/off request and the reports
-inline constexpr unsigned char kCmdLogConfig = 0x73;
-inline constexpr unsigned char kCmdMessage = 0x79;
-inline constexpr unsigned char kCmdMessageConfig = 0x7D;
-
-// Operations of kCmdLogConfig, 32 bits at offset 4.
-inline constexpr uint32_t kLogConfigDisable = 0;
-inline constexpr uint32_t kLogConfigRanges = 1;
-inline constexpr uint32_t kLogConfigSetMask = 3;
-inline constexpr uint32_t kLogConfigGetMask = 4;
 
 // Bulk requests of the simulated modem (SimModem): command, operation, 64-bit byte count.
 inline constexpr unsigned char kCmdBulk = 0xFA;

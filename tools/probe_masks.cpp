@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kStatusAt = 8;
 constexpr size_t kCountsAt = 12;
 constexpr size_t kBitsAt = 16;
-constexpr size_t kMaskAt = 20;
+constexpr size_t kAnswerMaskAt = 20;
 
 bool IsGranted(std::string_view answer) {
     return static_cast<unsigned char>(answer.front()) == kCmdLogConfig &&
@@ -59,9 +59,9 @@ std::string EnabledCodeLines(Prober& prober) {
         AppendLe32(request, id);
         const std::string answer = prober.AskQuietly(request);
         // A modem may refuse an equipment id that it does not have.
-        if (!IsGranted(answer) || answer.size() < kMaskAt) continue;
+        if (!IsGranted(answer) || answer.size() < kAnswerMaskAt) continue;
         const uint32_t bits = ReadLe32(&answer[kBitsAt]);
-        lines += CodeLines({id, bits, answer.substr(kMaskAt)}, "");
+        lines += CodeLines({id, bits, answer.substr(kAnswerMaskAt)}, "");
     }
     return lines;
 }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -38,9 +39,23 @@ void ReduceCapabilities() {
     syscall(SYS_capset, &header, &data);
 }
 
+// The daemon takes no arguments; someone who gives some is told so. Returns the exit status.
+int AnswerArguments(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        puts("quillod " QUILLOD_VERSION);
+        return 0;
+    }
+    fputs("quillod " QUILLOD_VERSION
+          ", a relay between a PC tool and the modem's diagnostic port, takes no arguments: its "
+          "settings are system properties, see quillod(8)\n",
+          stderr);
+    return 2;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) return AnswerArguments(argc, argv);
     umask(0);
     if (chdir("/") != 0) {
         DAEMON_LOGE("chdir failed: %s", strerror(errno));

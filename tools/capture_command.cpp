@@ -98,10 +98,12 @@ class FramePrinter {
                    CaptureHeading().c_str());
             mFile = frame.file;
         }
+        mHasPrinted = true;
         fputs(CaptureLine(frame, mHex).c_str(), stdout);
         return --mLeft > 0 && ferror(stdout) == 0;
     }
 
+    bool hasPrinted() const { return mHasPrinted; }
     uint64_t bad() const { return mBad; }
     uint64_t cut() const { return mCut; }
 
@@ -110,6 +112,7 @@ class FramePrinter {
     const bool mHex;
     uint64_t mLeft;
     std::string mFile;
+    bool mHasPrinted = false;
     uint64_t mBad = 0;
     uint64_t mCut = 0;
 };
@@ -126,6 +129,7 @@ int RunShow(const CaptureOptions& options) {
     });
     ReadAll(files, reader, progress);
     progress.Clear();
+    if (!printer.hasPrinted()) fputs("quilltool: no such frame\n", stderr);
     if (printer.bad() + printer.cut() == 0) return 0;
     fflush(stdout);
     fprintf(stderr, "quilltool: bad check sequences: %llu, cut frames: %llu\n",
@@ -155,13 +159,15 @@ int RunFollow(const CaptureOptions& options) {
     const UniqueFd endSignals = CatchEndSignals();
     FramePrinter printer(options);
     CaptureReader reader([&](const CaptureFrame& frame) { return printer.Print(frame); });
+    fprintf(stderr, "quilltool: waiting for frames in %s, until Ctrl-C\n",
+            options.paths.front().c_str());
     FollowCapture(options.paths.front(), endSignals.get(), reader);
     return 0;
 }
 
 void AddFrameOptions(CLI::App* app, CaptureOptions& options) {
     app->add_option("--code", options.codes, "Only log packets of these codes")
-        ->type_name("CODE[,CODE]")
+        ->type_name("CODE[-CODE][,...]")
         ->check(CheckedBy(ParseLogCodes));
     app->add_option("--kind", options.kind, "Only frames of this kind")
         ->type_name("log|event|message|answer")
@@ -169,7 +175,11 @@ void AddFrameOptions(CLI::App* app, CaptureOptions& options) {
     app->add_flag("--hex", options.hex, "The packets' bytes, un-escaped, without check sequence");
     app->add_option("--limit", options.limit, "End after so many frames")
         ->type_name("N")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 62).description(""));
+        ->check(CLI::Validator(
+            [](const std::string& text) {
+                return text.find_first_not_of('0') == std::string::npos ? "is at least 1" : "";
+            },
+            ""));
 }
 
 constexpr char kOrderText[] =

@@ -91,7 +91,10 @@ DiagClient::DiagClient(const std::string& host, uint16_t port, Clock::duration t
     }
     if (mSocket.get() == -1) {
         throw ToolError("cannot connect to " + host + " port " + std::to_string(port) + ": " +
-                        strerror(error));
+                        strerror(error) +
+                        (error == ECONNREFUSED ? "; the daemon serves one tool at a time: is there "
+                                                 "another, or no daemon?"
+                                               : ""));
     }
     const int on = 1;
     setsockopt(mSocket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -1,7 +1,9 @@
 // quilltool, the companion program: a simulated modem, a simulated PC tool, log-mask files,
 // captures.
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
@@ -20,6 +22,7 @@ int Run(int argc, char** argv) {
         "makes log-mask files and reads captures.",
         "quilltool"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "quilltool " QUILLOD_VERSION);
     app.footer(
         "Exit status: 0 success, 1 failure, 2 wrong usage.\n\n"
         "Example:\n"
@@ -35,7 +38,9 @@ int Run(int argc, char** argv) {
     } catch (const CLI::RequiredError& error) {
         // A word that is not known tells more than what its place would have been for.
         const std::vector<std::string> unknown = app.remaining(true);
-        if (unknown.empty()) {
+        if (unknown.empty() && app.get_subcommands().empty()) {
+            app.exit(CLI::RequiredError("a subcommand (modem, probe, mask or capture)"));
+        } else if (unknown.empty()) {
             app.exit(error);
         } else {
             app.exit(CLI::ExtrasError(unknown));
@@ -51,6 +56,14 @@ int Run(int argc, char** argv) {
     return status;
 }
 
+// Writes out what is left of the standard output. Returns 0 or the errno of what was lost.
+int FlushOutput() {
+    if (fflush(stdout) != 0) return errno;
+    if (ferror(stdout) == 0) return 0;
+    // An earlier failure, which this one repeats.
+    return fputc('\n', stdout) != EOF && fflush(stdout) == 0 ? EIO : errno;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -58,8 +71,10 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     try {
         const int status = Run(argc, argv);
-        if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
-        fputs("quilltool: the output could not be written\n", stderr);
+        const int error = FlushOutput();
+        if (error == 0) return status;
+        if (error == EPIPE) return kExitOk;  // whoever read has seen enough
+        fprintf(stderr, "quilltool: the output could not be written: %s\n", strerror(error));
     } catch (const std::exception& error) {
         fflush(stdout);
         fprintf(stderr, "quilltool: %s\n", error.what());

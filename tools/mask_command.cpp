@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "diag/hdlc.h"
 #include "tools/diag_client.h"
 #include "tools/mask_list.h"
 #include "tools/mask_print.h"
@@ -75,8 +77,22 @@ void ReplaceFile(const std::string& path, std::string_view content) {
     Fail("cannot write " + path, error);
 }
 
+// Whether people wrote this, rather than a program.
+bool IsText(const std::string& content) {
+    return std::none_of(content.begin(), content.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < ' ' && byte != '\n' && byte != '\r' && byte != '\t';
+    });
+}
+
 int RunCompile(const MaskOptions& options) {
-    const CompiledMaskList compiled = CompileMaskList(ReadFile(options.list), options.list);
+    const std::string list = ReadFile(options.list);
+    if (!IsText(list)) {
+        throw ToolError(
+            options.list +
+            " is no text list; if it is a log-mask file, quilltool mask print shows it");
+    }
+    const CompiledMaskList compiled = CompileMaskList(list, options.list);
     for (const std::string& warning : compiled.warnings)
         fprintf(stderr, "quilltool: warning: %s\n", warning.c_str());
     ReplaceFile(options.output, compiled.file);
@@ -85,6 +101,10 @@ int RunCompile(const MaskOptions& options) {
 
 int RunPrint(const MaskOptions& options) {
     const std::string file = ReadFile(options.file);
+    if (!file.empty() && IsText(file) && file.back() != static_cast<char>(kHdlcFlag)) {
+        throw ToolError(options.file +
+                        " is text; if it is a list, quilltool mask compile makes a file of it");
+    }
     const MaskFileText shown = options.asList ? ListMaskFile(file) : PrintMaskFile(file);
     fputs(shown.text.c_str(), stdout);
     fflush(stdout);

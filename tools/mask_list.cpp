@@ -94,18 +94,11 @@ class MaskListCompiler {
     };
 
     void TakeCodes(std::string_view item) {
-        const size_t dash = item.find('-');
-        uint32_t first = 0;
-        uint32_t last = 0;
-        if (!ParseLogCode(item.substr(0, dash), &first) ||
-            !ParseLogCode(dash == std::string::npos ? item : item.substr(dash + 1), &last)) {
-            Fail("not a log code such as 0x117C or a range such as 0xB0C0-0xB0CF", item);
-        }
+        LogCodeRange range = {};
+        const std::string error = ParseLogCodeRange(item, &range);
+        if (!error.empty()) Fail(error, item);
+        const auto [first, last] = range;
         const uint32_t id = first >> 12;
-        if (id != last >> 12) Fail("the range leaves the first code's equipment id", item);
-        if (last < first) Fail("the range runs backwards", item);
-        if (id >= kMaskFileIds) Fail("equipment ids 14 and 15 have no log masks", item);
-
         Mask& mask = mMasks[id];
         if (mask.highestLine == 0) mRequests.push_back({"", id});
         for (uint32_t code = first; code <= last; ++code)
@@ -155,7 +148,8 @@ class MaskListCompiler {
             mRequests.push_back({std::string(named.packet)});
             return;
         }
-        Fail("unknown item", item);
+        Fail("unknown item (there are log codes, width, events on, messages on, timestamp, raw)",
+             item);
     }
 
     void CheckWidths() {

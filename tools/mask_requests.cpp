@@ -9,15 +9,18 @@
 
 namespace {
 
-constexpr std::string_view kSetMaskBegin("\x73\x00\x00\x00\x03", 5);
-constexpr size_t kIdAt = 8;
-constexpr size_t kBitsAt = 12;
-constexpr size_t kMaskAt = 16;
+// Reads a log code such as "0x117C"; false when text is none.
+bool ParseLogCode(std::string_view text, uint32_t* code) {
+    if (text.substr(0, 2) != "0x" && text.substr(0, 2) != "0X") return false;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data() + 2, end, *code, 16);
+    return result.ec == std::errc() && result.ptr == end && *code <= 0xFFFF;
+}
 
 }  // namespace
 
 bool BeginsSetMask(std::string_view packet) {
-    return packet.substr(0, kSetMaskBegin.size()) == kSetMaskBegin;
+    return BeginsSetLogMask(packet.data(), static_cast<long>(packet.size()));
 }
 
 std::string MakeSetMask(const SetMaskRequest& request) {
@@ -30,8 +33,8 @@ std::string MakeSetMask(const SetMaskRequest& request) {
 }
 
 std::optional<SetMaskRequest> ReadSetMask(std::string_view packet) {
-    if (!BeginsSetMask(packet) || packet.size() < kMaskAt) return std::nullopt;
-    return SetMaskRequest{ReadLe32(&packet[kIdAt]), ReadLe32(&packet[kBitsAt]),
+    if (!BeginsSetMask(packet) || packet.size() < size_t{kMaskAt}) return std::nullopt;
+    return SetMaskRequest{ReadLe32(&packet[kEquipmentIdAt]), ReadLe32(&packet[kMaskBitsAt]),
                           std::string(packet.substr(kMaskAt))};
 }
 
@@ -51,22 +54,27 @@ std::string LogCodeText(uint32_t id, uint32_t item) {
     return text;
 }
 
-bool ParseLogCode(std::string_view text, uint32_t* code) {
-    if (text.substr(0, 2) != "0x" && text.substr(0, 2) != "0X") return false;
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data() + 2, end, *code, 16);
-    return result.ec == std::errc() && result.ptr == end && *code <= 0xFFFF;
+std::string ParseLogCodeRange(std::string_view text, LogCodeRange* range) {
+    const size_t dash = text.find('-');
+    const std::string_view last = dash == std::string_view::npos ? text : text.substr(dash + 1);
+    if (!ParseLogCode(text.substr(0, dash), &range->first) || !ParseLogCode(last, &range->last)) {
+        return "not a log code such as 0x117C or a range such as 0xB0C0-0xB0CF";
+    }
+    const uint32_t id = range->first >> 12;
+    if (id != range->last >> 12) return "the range leaves the first code's equipment id";
+    if (range->last < range->first) return "the range runs backwards";
+    return id >= kMaskFileIds ? "equipment ids 14 and 15 have no log masks" : "";
 }
 
 std::string ParseLogCodes(std::string_view text, std::set<uint32_t>* codes) {
     for (size_t comma = 0; comma != std::string_view::npos;) {
         comma = text.find(',');
         const std::string_view item = text.substr(0, comma);
-        uint32_t code = 0;
-        if (!ParseLogCode(item, &code)) {
-            return "not a log code such as 0x117C: \"" + std::string(item) + "\"";
-        }
-        codes->insert(code);
+        LogCodeRange range = {};
+        const std::string error = ParseLogCodeRange(item, &range);
+        if (!error.empty()) return error + ": \"" + std::string(item) + "\"";
+        for (uint32_t code = range.first; code <= range.last; ++code)
+            codes->insert(code);
         text.remove_prefix(std::min(item.size() + 1, text.size()));
     }
     return "";

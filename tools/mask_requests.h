@@ -42,10 +42,16 @@ std::vector<uint32_t> EnabledItems(const SetMaskRequest& request);
 // "0x117C".
 std::string LogCodeText(uint32_t id, uint32_t item);
 
-// Reads a log code such as "0x117C"; false when text is none.
-bool ParseLogCode(std::string_view text, uint32_t* code);
+// The codes from one to the other, of one equipment id of 0 to 13.
+struct LogCodeRange {
+    uint32_t first;
+    uint32_t last;
+};
 
-// Reads "0x1000,0x117E" into *codes. Returns an empty string, or what is wrong.
+// Reads "0x117C" or "0xB0C0-0xB0CF". Returns an empty string, or what is wrong.
+std::string ParseLogCodeRange(std::string_view text, LogCodeRange* range);
+
+// Reads "0x1000,0xB0C0-0xB0CF" into *codes. Returns an empty string, or what is wrong.
 std::string ParseLogCodes(std::string_view text, std::set<uint32_t>* codes);
 
 // The requests that enable these codes and no other ones of their equipment ids, one an id; each

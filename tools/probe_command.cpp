@@ -156,7 +156,7 @@ Subcommand AddProbeCommand(CLI::App& parent) {
         app->add_option("--mask", options->codes,
                         "Enable these log codes, and no others of their equipment ids, and print "
                         "their packets as they arrive")
-            ->type_name("CODE[,CODE]")
+            ->type_name("CODE[-CODE][,...]")
             ->check(CheckedBy(ParseLogCodes));
     CLI::Option* const getMask =
         app->add_flag("--get-mask", options->getMask, "Print the enabled log codes");

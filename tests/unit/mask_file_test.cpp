@@ -42,7 +42,9 @@ TEST(MaskList, NamesTheLineOfAnError) {
     const std::string hex16380(32760, '1');
     const std::pair<std::string, std::string> cases[] = {
         {"# only this\nwidth 1 8\n", "l: the list has no requests"},
-        {"\n0x1000\nfoo 1 # x\n", "l:3: unknown item: foo 1"},
+        {"\n0x1000\nfoo 1 # x\n",
+         "l:3: unknown item (there are log codes, width, events on, messages on, timestamp, raw): "
+         "foo 1"},
         {"0x100000001", notCode + "0x100000001"},
         {"0x10G0", notCode + "0x10G0"},
         {"0x1000-1001", notCode + "0x1000-1001"},

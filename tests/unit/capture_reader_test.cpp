@@ -85,9 +85,8 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
 }
 
 TEST(CaptureFiles, FollowTheRecordFileThenTheirNames) {
-    const std::string directory = testing::TempDir() + "capture_order/";
-    fs::remove_all(directory);
-    fs::create_directory(directory);
+    std::string pattern = testing::TempDir() + "capture_order.XXXXXX";
+    const std::string directory = std::string(mkdtemp(pattern.data())) + "/";
     for (const char* name : {"z.qmdl", "b.qmdl", "c.qmdl", "a.qmdl", "d.txt"})
         std::ofstream(directory + name) << "x";
     std::ofstream(directory + "record.txt")
@@ -96,6 +95,7 @@ TEST(CaptureFiles, FollowTheRecordFileThenTheirNames) {
     EXPECT_EQ(listed.files, (Lines{directory + "c.qmdl", directory + "a.qmdl", directory + "b.qmdl",
                                    directory + "z.qmdl"}));
     EXPECT_EQ(listed.missing, Lines{"gone.qmdl"});
+    fs::remove_all(directory);
 }
 
 TEST(CaptureTotals, SpanIsThatOfTheStamps) {

@@ -114,10 +114,11 @@ TEST(LinkMonitorSocket, OtherSendersAreNoEvent) {
     const int sender = socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
     address.nl_groups = 0;
     const std::string message = Link(kUp, kUp, Name("usb0"));
-    ASSERT_EQ(static_cast<ssize_t>(message.size()),
-              sendto(sender, message.data(), message.size(), 0,
-                     reinterpret_cast<sockaddr*>(&address), sizeof(address)))
-        << strerror(errno);
+    const ssize_t sent = sendto(sender, message.data(), message.size(), 0,
+                                reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    // The kernel lets only root write to another's netlink socket.
+    if (sent < 0 && errno == EPERM) GTEST_SKIP() << "forging a link event needs root";
+    ASSERT_EQ(static_cast<ssize_t>(message.size()), sent) << strerror(errno);
     EXPECT_EQ(kNone, handle_netlink_socket_event(fd));
     close(sender);
     close(fd);

@@ -177,7 +177,9 @@ void AddFrameOptions(CLI::App* app, CaptureOptions& options) {
         ->type_name("N")
         ->check(CLI::Validator(
             [](const std::string& text) {
-                return text.find_first_not_of('0') == std::string::npos ? "is at least 1" : "";
+                const bool isCount = text.find_first_not_of("0123456789") == std::string::npos &&
+                                     text.find_first_not_of('0') != std::string::npos;
+                return isCount ? "" : "not a number of frames, 1 or more: " + text;
             },
             ""));
 }

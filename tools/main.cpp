@@ -16,6 +16,20 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
+// What to say when what was given ends before a subcommand or has an unknown word in its place;
+// empty when the fault is another one.
+std::string SubcommandFault(const CLI::App* app) {
+    const std::vector<std::string> unknown = app->remaining(true);
+    while (!app->get_subcommands().empty())
+        app = app->get_subcommands().front();
+    std::string known;
+    for (const CLI::App* subcommand : app->get_subcommands({}))
+        known += (known.empty() ? "" : ", ") + subcommand->get_name();
+    if (known.empty()) return "";
+    return (unknown.empty() ? "A subcommand is missing" : unknown.front() + " is no subcommand") +
+           "; there are " + known;
+}
+
 int Run(int argc, char** argv) {
     CLI::App app{
         "Companion of quillod: plays the modem or the PC tool at the two ends of the relay, "
@@ -36,13 +50,13 @@ int Run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::RequiredError& error) {
-        // A word that is not known tells more than what its place would have been for.
+        const std::string fault = SubcommandFault(&app);
         const std::vector<std::string> unknown = app.remaining(true);
-        if (unknown.empty() && app.get_subcommands().empty()) {
-            app.exit(CLI::RequiredError("a subcommand (modem, probe, mask or capture)"));
+        if (!fault.empty()) {
+            app.exit(CLI::RequiredError(fault, CLI::ExitCodes::RequiredError));
         } else if (unknown.empty()) {
             app.exit(error);
-        } else {
+        } else {  // tells more than what its place would have been for
             app.exit(CLI::ExtrasError(unknown));
         }
         return kExitUsage;

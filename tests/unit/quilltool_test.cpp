@@ -1,7 +1,12 @@
 // The program itself: arguments in, exit status and both outputs out.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -10,8 +15,10 @@
 #include <iterator>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "support/frames.h"
+#include "tools/unique_fd.h"
 
 namespace {
 
@@ -20,6 +27,48 @@ namespace fs = std::filesystem;
 std::string Contents(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A TCP port of this machine.
+class Port {
+  public:
+    Port() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(0, bind(fd(), any, length));
+        EXPECT_EQ(0, listen(fd(), 1));
+        EXPECT_EQ(0, getsockname(fd(), any, &length));
+        mNumber = std::to_string(ntohs(address.sin_port));
+    }
+    int fd() const { return mSocket.get(); }
+    const char* number() const { return mNumber.c_str(); }
+
+  private:
+    const UniqueFd mSocket{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::string mNumber;
+};
+
+// In the daemon's place: one tool after the other, until the port is shut down.
+void RelayTools(int port, const std::string& line) {
+    for (UniqueFd tool(accept(port, nullptr, nullptr)); tool.get() != -1;
+         tool = UniqueFd(accept(port, nullptr, nullptr))) {
+        const UniqueFd modem(open(line.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        tcflush(modem.get(), TCIFLUSH);
+        pollfd ends[] = {{tool.get(), POLLIN, 0}, {modem.get(), POLLIN, 0}};
+        for (ssize_t count = 1; count > 0 && poll(ends, 2, -1) > 0;) {
+            char bytes[4096];
+            const int from = ends[0].revents != 0 ? 0 : 1;
+            count = read(ends[from].fd, bytes, sizeof bytes);
+            for (ssize_t at = 0; at < count;) {
+                const ssize_t written =
+                    write(ends[1 - from].fd, bytes + at, static_cast<size_t>(count - at));
+                at = written < 0 ? count : at + written;
+            }
+        }
+    }
 }
 
 // In a directory of its own, with a list, a mask file and two captures.
@@ -57,21 +106,33 @@ class Quilltool : public testing::Test {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
-    std::string mDirectory;
-};
-
-TEST_F(Quilltool, AnswersEveryCall) {
-    const struct {
+    struct Call {
         const char* arguments;
         int status;
         const char* out;  // regular expressions for a part of it; "^$" for nothing
         const char* err;
-    } kRows[] = {
+    };
+    void CheckCalls(const std::vector<Call>& calls) const {
+        for (const Call& call : calls) {
+            SCOPED_TRACE(call.arguments);
+            fs::remove(mDirectory + "/out");
+            EXPECT_EQ(call.status, Wait(Start("2>err >out " + std::string(call.arguments))));
+            EXPECT_TRUE(std::regex_search(Output("out"), std::regex(call.out))) << Output("out");
+            EXPECT_TRUE(std::regex_search(Output("err"), std::regex(call.err))) << Output("err");
+        }
+    }
+
+    std::string mDirectory;
+};
+
+TEST_F(Quilltool, AnswersEveryCall) {
+    CheckCalls({
         {"--version", 0, "^quilltool \\d+\\.\\d+\\.\\d+\n$", "^$"},
         {"--help", 0, "modem[^]*probe[^]*mask[^]*capture", "^$"},
-        {"", 2, "^$", "modem, probe, mask or capture"},
-        {"nosuch", 2, "^$", "nosuch"},
-        {"mask", 2, "^$", "subcommand"},
+        {"", 2, "^$", "there are modem, probe, mask, capture"},
+        {"nosuch", 2, "^$", "nosuch is no subcommand; there are modem"},
+        {"mask", 2, "^$", "there are compile, print, ranges"},
+        {"capture foo", 2, "^$", "foo is no subcommand; there are show, stat, follow"},
         {"mask compile list -o new.cfg", 0, "^$", "^$"},
         {"mask compile mask.cfg -o new.cfg", 1, "^$", "no text list.*mask print"},
         {"mask compile nosuch -o new.cfg", 1, "^$", "nosuch: No such file"},
@@ -92,7 +153,7 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"capture show captures", 0, "event report.*good\n.*message.*good\n.*answer", "^$"},
         {"capture show captures --kind event --hex", 0, "60 01 00\n$", "^$"},
         {"capture show captures --limit 1", 0, "event report.*\n$", "^$"},
-        {"capture show captures --limit 0", 2, "^$", "--limit: is at least 1"},
+        {"capture show captures --limit 0", 2, "^$", "1 or more: 0"},
         {"capture show captures --kind foo", 2, "^$", "foo.*log.*event.*message.*answer"},
         {"capture show captures --code 0x1000-0x1001", 0, "^$", "no such frame"},
         {"capture show cut.qmdl", 1, "mid-frame", "cut frames: 1"},
@@ -102,15 +163,39 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"capture stat cut.qmdl", 1, "cut: the file ends", "^$"},
         {"capture follow list", 1, "^$", "list"},
         {"capture show captures >/dev/full", 1, "^$", "not be written: No space left"},
-    };
-    for (const auto& row : kRows) {
-        SCOPED_TRACE(row.arguments);
-        fs::remove(mDirectory + "/out");
-        EXPECT_EQ(row.status, Wait(Start("2>err >out " + std::string(row.arguments))));
-        EXPECT_TRUE(std::regex_search(Output("out"), std::regex(row.out))) << Output("out");
-        EXPECT_TRUE(std::regex_search(Output("err"), std::regex(row.err))) << Output("err");
-    }
+    });
     EXPECT_EQ(Packets(Output("new.cfg")).size(), 3U);
+}
+
+TEST_F(Quilltool, SpeaksWithTheModem) {
+    const pid_t modem = Start("modem --at line --verbose >trace 2>&1");
+    while (Output("trace").find("modem ready at line") == std::string::npos)
+        sched_yield();
+    const Port daemon;
+    const Port silent;
+    setenv("DAEMON", daemon.number(), 1);
+    setenv("SILENT", silent.number(), 1);
+    std::thread relay(RelayTools, daemon.fd(), mDirectory + "/line");
+    CheckCalls({
+        {"probe localhost --port $DAEMON", 0,
+         "^-> version \\(0x00\\), 1 byte: 00\n<- version[^]*FCS good: 00 [^]*\n$", "^$"},
+        {"probe 127.0.0.1 --port $DAEMON --raw --request '4B 7e'", 0, "^13 4B 7D 5E .. .. 7E\n$",
+         "^$"},
+        {"probe 127.0.0.1 --port $DAEMON --mask 0x1003,0xB0C0-0xB0C1 --get-mask --wait 0", 0,
+         "log configuration[^]*FCS good[^]*\n0x1003\n0xB0C0-0xB0C1\n$", "^$"},
+        {"probe 127.0.0.1 --port $DAEMON --bulk 300k", 0,
+         "-> 300000 bytes in.*, every byte right\nbulk <- 300000 bytes.*right\n$", "^$"},
+        {"probe 127.0.0.1 --port $SILENT --timeout 0.01", 1, "^-> version",
+         "no answer in time to 00"},
+        {"mask ranges 127.0.0.1 --port $DAEMON", 0,
+         "^width 1 4095\nwidth 4 2320\nwidth 5 2144\nwidth 7 2672\nwidth 11 2560\n$", "^$"},
+    });
+    EXPECT_EQ(0, shutdown(daemon.fd(), SHUT_RDWR));
+    relay.join();
+    EXPECT_EQ(0, kill(modem, SIGTERM));
+    EXPECT_EQ(0, Wait(modem));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(mDirectory + "/line")));
+    EXPECT_NE(Output("trace").find("logging: id 1: 1 code, id 11: 2 codes"), std::string::npos);
 }
 
 TEST_F(Quilltool, EndsQuietlyWhenNobodyReadsOn) {

@@ -9,7 +9,7 @@
 #include "bench/bench_support.h"
 #include "bench/rig.h"
 #include "bench/runs.h"
-#include "tools/packet.h"
+#include "tools/common/packet.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "bench/frame_modem.h"
 #include "bench/rig.h"
 #include "bench/runs.h"
-#include "tools/packet.h"
+#include "tools/common/packet.h"
 
 namespace {
 

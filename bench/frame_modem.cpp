@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "tools/frame_stream.h"
-#include "tools/packet.h"
+#include "tools/common/frame_stream.h"
+#include "tools/common/packet.h"
 
 namespace {
 

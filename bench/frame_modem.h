@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "tools/pty_line.h"
-#include "tools/sim_modem.h"
+#include "tools/modem/pty_line.h"
+#include "tools/modem/sim_modem.h"
 
 // Answers requests like the simulated modem, on a thread of its own, from construction on.
 class FrameModem {

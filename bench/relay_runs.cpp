@@ -6,8 +6,8 @@
 #include "bench/bench_support.h"
 #include "bench/rig.h"
 #include "bench/runs.h"
-#include "tools/bulk_run.h"
-#include "tools/packet.h"
+#include "tools/common/packet.h"
+#include "tools/probe/bulk_run.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tools/tool_error.h"
+#include "tools/common/tool_error.h"
 
 namespace {
 

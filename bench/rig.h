@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/diag_client.h"
+#include "tools/common/diag_client.h"
 
 inline constexpr char kFlashDirectory[] = "/data/misc/radio";
 inline constexpr char kModemDevice[] = "/dev/ttydiag0";

@@ -1,4 +1,4 @@
-// The subcommands of quilltool, one file each: <name>_command.cpp.
+// The subcommands of quilltool, <name>/<name>_command.cpp; what they share is in common/.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/frame_stream.h"
-#include "tools/packet.h"
+#include "tools/common/frame_stream.h"
+#include "tools/common/packet.h"
 
 namespace e2e {
 

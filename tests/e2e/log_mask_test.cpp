@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "handset.h"
-#include "tools/frame_text.h"
+#include "tools/common/frame_text.h"
 
 namespace e2e {
 namespace {

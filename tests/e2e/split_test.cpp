@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "handset.h"
-#include "tools/sim_modem.h"
+#include "tools/modem/sim_modem.h"
 
 namespace e2e {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/e2e/handset.h"
-#include "tools/sim_modem.h"
+#include "tools/modem/sim_modem.h"
 
 namespace e2e {
 

@@ -3,11 +3,11 @@
 #include <fstream>
 
 #include "support/frames.h"
-#include "tools/capture_files.h"
-#include "tools/capture_text.h"
-#include "tools/capture_totals.h"
-#include "tools/mask_requests.h"
-#include "tools/sim_modem.h"
+#include "tools/capture/capture_files.h"
+#include "tools/capture/capture_text.h"
+#include "tools/capture/capture_totals.h"
+#include "tools/common/mask_requests.h"
+#include "tools/modem/sim_modem.h"
 
 namespace {
 
@@ -33,9 +33,9 @@ std::string Read(const std::vector<std::string>& files, size_t readSize,
     CaptureReader reader([&](const CaptureFrame& frame) {
         if (!filter.Wants(frame)) return true;
         const char* const checks[] = {"", " bad", " cut start", " cut end"};
-        const auto code = frame.logCode();
+        const auto code = LogCodeOf(frame.packet);
         text += (text.empty() ? "" : ", ") + std::string(frame.file) + "@" +
-                std::to_string(frame.offset) + " " + CaptureKindWord(frame.kind()) + " " +
+                std::to_string(frame.offset) + " " + CaptureKindWord(KindOf(frame.packet)) + " " +
                 (code.has_value() ? LogCodeText(*code >> 12, *code & 0xFFF) + " " : "") +
                 std::to_string(frame.packet.size()) + checks[static_cast<int>(frame.check)];
         return true;
@@ -76,8 +76,8 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
         {"gap", {half, "", kEvent.substr(2)}, "a@0 log 0x7E7D 17 cut end, c@0 answer 1 cut start"},
         {"long frame", {LogFrame(0x1000, std::string(40000, '}'))}, "a@0 log 0x1000 40016"},
         {"only two codes", {three}, "a@31 log 0xB0C0 16", {{0xB0C0, 0x7E7C}, {}}},
-        {"only a kind", {three}, "a@25 event 3", {{}, CaptureKind::kEvent}},
-        {"neither", {three}, "", {{0xB0C0}, CaptureKind::kEvent}},
+        {"only a kind", {three}, "a@25 event 3", {{}, PacketKind::kEvent}},
+        {"neither", {three}, "", {{0xB0C0}, PacketKind::kEvent}},
     };
     for (const auto& row : kRows)
         for (const size_t readSize : {1, 2, 7, 1 << 20})

@@ -1,4 +1,4 @@
-#include "tools/frame_text.h"
+#include "tools/common/frame_text.h"
 
 #include <gtest/gtest.h>
 

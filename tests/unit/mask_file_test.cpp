@@ -4,9 +4,9 @@
 #include <set>
 
 #include "support/frames.h"
-#include "tools/mask_list.h"
-#include "tools/mask_print.h"
-#include "tools/tool_error.h"
+#include "tools/common/tool_error.h"
+#include "tools/mask/mask_list.h"
+#include "tools/mask/mask_print.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/pty_line.h"
+#include "tools/modem/pty_line.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "support/frames.h"
-#include "tools/unique_fd.h"
+#include "tools/common/unique_fd.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "tools/sim_modem.h"
+#include "tools/modem/sim_modem.h"
 
 #include <algorithm>
 #include <set>
 
 #include "support/frames.h"
-#include "tools/packet.h"
+#include "tools/common/packet.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "capture/log_files.h"
 #include "daemon/log_switch.h"
 #include "tests/unit/support/descriptors.h"
-#include "tools/frame_text.h"
+#include "tools/common/frame_text.h"
 
 // The inside of CircularBufferExt.
 class CircularBufferExtPeer {

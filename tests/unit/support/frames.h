@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/frame_stream.h"
-#include "tools/frame_text.h"
+#include "tools/common/frame_stream.h"
+#include "tools/common/frame_text.h"
 
 using Lines = std::vector<std::string>;
 

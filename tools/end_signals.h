@@ -1,7 +1,0 @@
-#pragma once
-
-#include "tools/unique_fd.h"
-
-// From here on SIGINT, SIGTERM and SIGHUP only make the returned descriptor readable. Throws
-// ToolError.
-UniqueFd CatchEndSignals();

@@ -1,13 +1,13 @@
 // quilltool, the companion program: a simulated modem, a simulated PC tool, log-mask files,
 // captures.
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <string>
+#include <system_error>
 #include <vector>
 
+#include "tools/common/output.h"
 #include "tools/subcommand.h"
 
 namespace {
@@ -22,12 +22,14 @@ std::string SubcommandFault(const CLI::App* app) {
     const std::vector<std::string> unknown = app->remaining(true);
     while (!app->get_subcommands().empty())
         app = app->get_subcommands().front();
-    std::string known;
+    std::vector<std::string> known;
     for (const CLI::App* subcommand : app->get_subcommands({}))
-        known += (known.empty() ? "" : ", ") + subcommand->get_name();
+        known.push_back(subcommand->get_name());
     if (known.empty()) return "";
-    return (unknown.empty() ? "A subcommand is missing" : unknown.front() + " is no subcommand") +
-           "; there are " + known;
+    return fmt::format(
+        "{}; there are {}",
+        unknown.empty() ? "A subcommand is missing" : unknown.front() + " is no subcommand",
+        fmt::join(known, ", "));
 }
 
 int Run(int argc, char** argv) {
@@ -70,30 +72,24 @@ int Run(int argc, char** argv) {
     return status;
 }
 
-// Writes out what is left of the standard output. Returns 0 or the errno of what was lost.
-int FlushOutput() {
-    if (fflush(stdout) != 0) return errno;
-    if (ferror(stdout) == 0) return 0;
-    // An earlier failure, which this one repeats.
-    return fputc('\n', stdout) != EOF && fflush(stdout) == 0 ? EIO : errno;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     // A closed peer shows as EPIPE where it is written to.
     signal(SIGPIPE, SIG_IGN);
+    std::string failure = "unknown failure";
     try {
         const int status = Run(argc, argv);
-        const int error = FlushOutput();
-        if (error == 0) return status;
-        if (error == EPIPE) return kExitOk;  // whoever read has seen enough
-        fprintf(stderr, "quilltool: the output could not be written: %s\n", strerror(error));
+        FlushOutput();
+        return status;
+    } catch (const std::system_error& error) {
+        if (error.code() == std::errc::broken_pipe) return kExitOk;  // the reader has seen enough
+        failure = error.what();
     } catch (const std::exception& error) {
-        fflush(stdout);
-        fprintf(stderr, "quilltool: %s\n", error.what());
+        failure = error.what();
     } catch (...) {
-        fputs("quilltool: unknown failure\n", stderr);
     }
+    fflush(stdout);
+    fprintf(stderr, "quilltool: %s\n", failure.c_str());
     return kExitFailed;
 }

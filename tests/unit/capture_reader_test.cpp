@@ -36,7 +36,7 @@ std::string Read(const std::vector<std::string>& files, size_t readSize,
         const auto code = LogCodeOf(frame.packet);
         text += (text.empty() ? "" : ", ") + std::string(frame.file) + "@" +
                 std::to_string(frame.offset) + " " + CaptureKindWord(KindOf(frame.packet)) + " " +
-                (code.has_value() ? LogCodeText(*code >> 12, *code & 0xFFF) + " " : "") +
+                (code.has_value() ? LogCodeText(*code) + " " : "") +
                 std::to_string(frame.packet.size()) + checks[static_cast<int>(frame.check)];
         return true;
     });

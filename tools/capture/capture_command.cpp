@@ -13,6 +13,7 @@
 #include "tools/capture/progress_bar.h"
 #include "tools/common/end_signals.h"
 #include "tools/common/mask_requests.h"
+#include "tools/common/output.h"
 #include "tools/common/tool_error.h"
 #include "tools/subcommand.h"
 
@@ -50,9 +51,8 @@ std::vector<std::string> FilesOf(const std::vector<std::string>& paths) {
         }
         const CaptureDirectory directory = ListCaptureDirectory(path);
         for (const std::string& name : directory.missing)
-            fprintf(stderr, "quilltool: %s: its record file lists %s, which is not there\n",
-                    path.c_str(), name.c_str());
-        if (directory.files.empty()) throw ToolError("no capture files in " + path);
+            Remark("{}: its record file lists {}, which is not there", path, name);
+        if (directory.files.empty()) throw ToolError("no capture files in {}", path);
         files.insert(files.end(), directory.files.begin(), directory.files.end());
     }
     return files;
@@ -89,21 +89,19 @@ class FramePrinter {
         : mFilter(MakeFilter(options)), mHex(options.hex), mLeft(options.limit) {}
 
     // False when nothing more is to be printed.
-    bool Print(const CaptureFrame& frame) {
+    bool Take(const CaptureFrame& frame) {
         if (frame.check == CaptureCheck::kBad) ++mBad;
         if (frame.check != CaptureCheck::kBad && frame.check != CaptureCheck::kGood) ++mCut;
         if (!mFilter.Wants(frame)) return true;
         if (mFile != frame.file) {
-            printf("%s%s\n%s", mFile.empty() ? "" : "\n", std::string(frame.file).c_str(),
-                   CaptureHeading().c_str());
+            Print("{}{}\n{}", mFile.empty() ? "" : "\n", frame.file, CaptureHeading());
             mFile = frame.file;
         }
-        mHasPrinted = true;
-        fputs(CaptureLine(frame, mHex).c_str(), stdout);
-        return --mLeft > 0 && ferror(stdout) == 0;
+        PrintText(CaptureLine(frame, mHex));
+        return --mLeft > 0;
     }
 
-    bool hasPrinted() const { return mHasPrinted; }
+    bool hasPrinted() const { return !mFile.empty(); }
     uint64_t bad() const { return mBad; }
     uint64_t cut() const { return mCut; }
 
@@ -112,7 +110,6 @@ class FramePrinter {
     const bool mHex;
     uint64_t mLeft;
     std::string mFile;
-    bool mHasPrinted = false;
     uint64_t mBad = 0;
     uint64_t mCut = 0;
 };
@@ -125,16 +122,13 @@ int RunShow(const CaptureOptions& options) {
     FramePrinter printer(options);
     CaptureReader reader([&](const CaptureFrame& frame) {
         progress.Clear();
-        return printer.Print(frame);
+        return printer.Take(frame);
     });
     ReadAll(files, reader, progress);
     progress.Clear();
-    if (!printer.hasPrinted()) fputs("quilltool: no such frame\n", stderr);
+    if (!printer.hasPrinted()) Remark("no such frame");
     if (printer.bad() + printer.cut() == 0) return 0;
-    fflush(stdout);
-    fprintf(stderr, "quilltool: bad check sequences: %llu, cut frames: %llu\n",
-            static_cast<unsigned long long>(printer.bad()),
-            static_cast<unsigned long long>(printer.cut()));
+    Remark("bad check sequences: {}, cut frames: {}", printer.bad(), printer.cut());
     return 1;
 }
 
@@ -150,7 +144,7 @@ int RunStat(const CaptureOptions& options) {
     });
     ReadAll(files, reader, progress);
     progress.Clear();
-    fputs((options.json ? totals.Json() : totals.Text()).c_str(), stdout);
+    PrintText(options.json ? totals.Json() : totals.Text());
     return totals.hasProblems() ? 1 : 0;
 }
 
@@ -158,9 +152,7 @@ int RunFollow(const CaptureOptions& options) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const UniqueFd endSignals = CatchEndSignals();
     FramePrinter printer(options);
-    CaptureReader reader([&](const CaptureFrame& frame) { return printer.Print(frame); });
-    fprintf(stderr, "quilltool: waiting for frames in %s, until Ctrl-C\n",
-            options.paths.front().c_str());
+    CaptureReader reader([&](const CaptureFrame& frame) { return printer.Take(frame); });
     FollowCapture(options.paths.front(), endSignals.get(), reader);
     return 0;
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -27,7 +26,7 @@ std::set<std::string> CaptureNames(const std::string& directory) {
         const std::string name = entries->path().filename();
         if (IsCaptureFile(name)) names.insert(name);
     }
-    if (error) throw ToolError("cannot read " + directory + ": " + error.message());
+    if (error) throw ToolError("cannot read {}: {}", directory, error.message());
     return names;
 }
 
@@ -68,7 +67,7 @@ CaptureDirectory ListCaptureDirectory(const std::string& directory) {
 
 UniqueFd OpenCaptureFile(const std::string& path) {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() == -1) throw ToolError("cannot open " + path + ": " + strerror(errno));
+    if (fd.get() == -1) throw SystemError("cannot open {}", path);
     return fd;
 }
 
@@ -79,7 +78,7 @@ bool ReadCaptureFile(int fd, const std::string& path,
         const ssize_t count = read(fd, buffer.data(), buffer.size());
         if (count == 0) return true;
         if (count < 0 && errno != EINTR) {
-            throw ToolError("cannot read " + path + ": " + strerror(errno));
+            throw SystemError("cannot read {}", path);
         }
         if (count > 0 && !take({buffer.data(), static_cast<size_t>(count)})) return false;
     }

@@ -8,11 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <map>
 
 #include "diag/hdlc.h"
 #include "tools/capture/capture_files.h"
+#include "tools/common/output.h"
 #include "tools/common/tool_error.h"
 
 namespace {
@@ -44,7 +44,7 @@ class Follower {
           mNotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
         if (inotify_add_watch(mNotify.get(), directory.c_str(),
                               IN_MODIFY | IN_ONLYDIR | kNew | kGone) == -1) {
-            throw ToolError("cannot watch " + directory + ": " + strerror(errno));
+            throw SystemError("cannot watch {}", directory);
         }
         for (const std::string& path : ListCaptureDirectory(directory).files) {
             struct stat status = {};
@@ -53,6 +53,7 @@ class Follower {
     }
 
     void Run() {
+        Remark("waiting for frames in {}, until Ctrl-C", mDirectory);
         while (!MustEnd(-1) && TakeEvents()) {
         }
     }
@@ -62,7 +63,7 @@ class Follower {
     bool MustEnd(int millis) {
         pollfd watched[] = {{mEndFd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {mNotify.get(), POLLIN, 0}};
         if (poll(watched, std::size(watched), millis) < 0 && errno != EINTR) {
-            throw ToolError(std::string("poll: ") + strerror(errno));
+            throw SystemError("poll");
         }
         return watched[0].revents != 0 || watched[1].revents != 0;
     }
@@ -72,7 +73,7 @@ class Follower {
         const ssize_t count = read(mNotify.get(), events.data(), events.size());
         for (ssize_t at = 0; at < count;) {
             const auto* event = reinterpret_cast<const inotify_event*>(&events[at]);
-            if ((event->mask & kGone) != 0) throw ToolError(mDirectory + " is gone");
+            if ((event->mask & kGone) != 0) throw ToolError("{} is gone", mDirectory);
             if (event->len > 0 && !TakeChange(event->name, (event->mask & kNew) != 0)) return false;
             at += static_cast<ssize_t>(sizeof *event + event->len);
         }
@@ -96,7 +97,7 @@ class Follower {
         mPath = path;
         if (mFile.get() == -1) {
             if (errno == ENOENT) return;  // removed in the meantime
-            throw ToolError("cannot open " + path + ": " + strerror(errno));
+            throw SystemError("cannot open {}", path);
         }
         const off_t begin = isNew ? 0 : LastFrameEnd(mFile.get(), mSeen[path]);
         lseek(mFile.get(), begin, SEEK_SET);

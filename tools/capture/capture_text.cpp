@@ -1,9 +1,11 @@
 #include "tools/capture/capture_text.h"
 
+#include <fmt/format.h>
+
 #include <array>
-#include <cstdio>
 
 #include "tools/common/frame_text.h"
+#include "tools/common/mask_requests.h"
 
 namespace {
 
@@ -15,11 +17,8 @@ bool HasKind(const CaptureFrame& frame) {
 std::string HexLines(std::string_view packet) {
     constexpr size_t kPerLine = 16;
     std::string lines;
-    for (size_t at = 0; at < packet.size(); at += kPerLine) {
-        char offset[24];
-        snprintf(offset, sizeof offset, "%14zX  ", at);
-        lines += offset + FormatHex(packet.substr(at, kPerLine), kPerLine) + "\n";
-    }
+    for (size_t at = 0; at < packet.size(); at += kPerLine)
+        lines += fmt::format("{:14X}  {}\n", at, FormatHex(packet.substr(at, kPerLine), kPerLine));
     return lines;
 }
 
@@ -64,16 +63,11 @@ std::string CaptureHeading() {
 
 std::string CaptureLine(const CaptureFrame& frame, bool hex) {
     const auto code = HasKind(frame) ? LogCodeOf(frame.packet) : std::nullopt;
-    char codeText[8] = "-";
-    char idText[4] = "-";
-    if (code.has_value()) {
-        snprintf(codeText, sizeof codeText, "0x%04X", *code & 0xFFFF);
-        snprintf(idText, sizeof idText, "%u", *code >> 12 & 0xF);
-    }
-    char line[128];
-    snprintf(line, sizeof line, "%10llu  %-12s  %-6s  %2s  %6zu  %s\n",
-             static_cast<unsigned long long>(frame.offset),
-             HasKind(frame) ? CaptureKindName(KindOf(frame.packet)) : "-", codeText, idText,
-             frame.packet.size(), CaptureCheckText(frame.check));
+    const std::string line =
+        fmt::format("{:10}  {:<12}  {:<6}  {:>2}  {:6}  {}\n", frame.offset,
+                    HasKind(frame) ? CaptureKindName(KindOf(frame.packet)) : "-",
+                    code.has_value() ? LogCodeText(*code) : "-",
+                    code.has_value() ? std::to_string(*code >> 12) : "-", frame.packet.size(),
+                    CaptureCheckText(frame.check));
     return hex ? line + HexLines(frame.packet) : line;
 }

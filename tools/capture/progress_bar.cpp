@@ -1,5 +1,6 @@
 #include "tools/capture/progress_bar.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +25,7 @@ void ProgressBar::Advance(uint64_t amount) {
     if (!mEnabled || Clock::now() < mNextDraw) return;
     mNextDraw = Clock::now() + kInterval;
     const std::string bar(mDone * kWidth / mTotal, '#');
-    fprintf(stderr, "\r[%-*s] %3u%%", static_cast<int>(kWidth), bar.c_str(),
-            static_cast<unsigned>(mDone * 100 / mTotal));
+    fmt::print(stderr, "\r[{:<{}}] {:3}%", bar, kWidth, mDone * 100 / mTotal);
     mShown = true;
 }
 

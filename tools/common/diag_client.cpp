@@ -24,7 +24,7 @@ AddressList Resolve(const std::string& host, uint16_t port) {
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* first = nullptr;
     const int error = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &first);
-    if (error != 0) throw ToolError("cannot resolve " + host + ": " + gai_strerror(error));
+    if (error != 0) throw ToolError("cannot resolve {}: {}", host, gai_strerror(error));
     return {first, freeaddrinfo};
 }
 
@@ -41,7 +41,7 @@ bool PollUntil(int fd, short events, DiagClient::Clock::time_point until, int en
         if (ready > 0) return watched[1].revents == 0;
         if (ready == 0 && left.count() <= 0) return false;
         if (ready < 0 && errno != EINTR) {
-            throw ToolError(std::string("poll: ") + strerror(errno));
+            throw SystemError("poll");
         }
     }
 }
@@ -75,6 +75,8 @@ UniqueFd ConnectAny(const addrinfo* address, DiagClient::Clock::time_point until
 // The daemon listens again a second after it has let a tool go.
 constexpr std::chrono::seconds kRefusedLimit(3);
 constexpr std::chrono::milliseconds kRefusedPause(100);
+constexpr char kRefusedHint[] =
+    "; the daemon serves one tool at a time: is there another, or no daemon?";
 
 }  // namespace
 
@@ -90,11 +92,8 @@ DiagClient::DiagClient(const std::string& host, uint16_t port, Clock::duration t
         mSocket = ConnectAny(addresses.get(), start + timeout, &error);
     }
     if (mSocket.get() == -1) {
-        throw ToolError("cannot connect to " + host + " port " + std::to_string(port) + ": " +
-                        strerror(error) +
-                        (error == ECONNREFUSED ? "; the daemon serves one tool at a time: is there "
-                                                 "another, or no daemon?"
-                                               : ""));
+        throw ToolError("cannot connect to {} port {}: {}{}", host, port, strerror(error),
+                        error == ECONNREFUSED ? kRefusedHint : "");
     }
     const int on = 1;
     setsockopt(mSocket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -113,7 +112,7 @@ void DiagClient::Send(std::string_view packet) {
                 throw ToolError("the request was not taken in time");
             }
         } else if (errno != EINTR) {
-            throw ToolError(std::string("cannot send: ") + strerror(errno));
+            throw SystemError("cannot send");
         }
     }
 }
@@ -130,7 +129,7 @@ bool DiagClient::NextFrame(Clock::time_point until, ReceivedFrame* frame) {
         const ssize_t count = read(mSocket.get(), mBuffer.data(), mBuffer.size());
         if (count == 0) throw ToolError("the connection was closed by the other side");
         if (count < 0 && errno != EAGAIN && errno != EINTR) {
-            throw ToolError(std::string("the connection failed: ") + strerror(errno));
+            throw SystemError("the connection failed");
         }
         if (mTrace && count > 0) mTrace({mBuffer.data(), static_cast<size_t>(count)});
         mBegin = 0;

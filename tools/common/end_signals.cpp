@@ -2,10 +2,7 @@
 
 #include <sys/signalfd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <string>
 
 #include "tools/common/tool_error.h"
 
@@ -16,6 +13,6 @@ UniqueFd CatchEndSignals() {
         sigaddset(&signals, number);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     UniqueFd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (fd.get() == -1) throw ToolError(std::string("cannot catch signals: ") + strerror(errno));
+    if (fd.get() == -1) throw SystemError("cannot catch signals");
     return fd;
 }

@@ -1,6 +1,7 @@
 #include "tools/common/frame_text.h"
 
-#include <cstdio>
+#include <fmt/format.h>
+
 #include <limits>
 
 #include "tools/common/packet.h"
@@ -71,7 +72,7 @@ std::string ParseHex(std::string_view text, std::string* bytes) {
         const int high = HexDigit(text[i]);
         const int low = i + 1 < text.size() ? HexDigit(text[i + 1]) : -1;
         if (high < 0 || low < 0) {
-            return "not two hexadecimal digits at \"" + std::string(text.substr(i, 2)) + "\"";
+            return fmt::format("not two hexadecimal digits at \"{}\"", text.substr(i, 2));
         }
         bytes->push_back(static_cast<char>(high << 4 | low));
         i += 2;
@@ -80,7 +81,7 @@ std::string ParseHex(std::string_view text, std::string* bytes) {
 }
 
 std::string ParseSize(std::string_view text, uint64_t* bytes) {
-    std::string error = "not a size such as 20000000, 300M or 1G: " + std::string(text);
+    const std::string error = fmt::format("not a size such as 20000000, 300M or 1G: {}", text);
     const uint64_t unit = text.empty() ? 1 : SizeUnit(text.back());
     if (unit != 1) text.remove_suffix(1);
     if (text.empty()) return error;
@@ -89,7 +90,7 @@ std::string ParseSize(std::string_view text, uint64_t* bytes) {
     constexpr uint64_t kMax = std::numeric_limits<int64_t>::max();
     for (const char c : text) {
         if (c < '0' || c > '9') return error;
-        if (value > (kMax / unit - 9) / 10) return "size too large: " + std::string(text);
+        if (value > (kMax / unit - 9) / 10) return fmt::format("size too large: {}", text);
         value = 10 * value + static_cast<uint64_t>(c - '0');
     }
     if (value == 0) return error;
@@ -98,27 +99,22 @@ std::string ParseSize(std::string_view text, uint64_t* bytes) {
 }
 
 std::string FormatHex(std::string_view bytes, size_t limit) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (const char c : bytes.substr(0, limit)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (!text.empty()) text += ' ';
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0x0F];
-    }
-    if (bytes.size() > limit) text += " ...";
-    return text;
+    const std::string_view shown = bytes.substr(0, limit);
+    const auto* const begin = reinterpret_cast<const unsigned char*>(shown.data());
+    return fmt::format("{:02X}{}", fmt::join(begin, begin + shown.size(), " "),
+                       bytes.size() > limit ? " ..." : "");
+}
+
+std::string Counted(uint64_t count, std::string_view what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
 std::string DescribePacket(std::string_view packet, std::string_view note) {
-    std::string text = "nothing";
+    std::string what = "nothing";
     if (!packet.empty()) {
         const unsigned char code = CommandOf(packet);
-        char name[48];
-        snprintf(name, sizeof name, "%s (0x%02X)", CommandName(code), code);
-        text = name;
+        what = fmt::format("{} (0x{:02X})", CommandName(code), code);
     }
-    text += ", " + std::to_string(packet.size()) + (packet.size() == 1 ? " byte" : " bytes");
-    if (!note.empty()) text.append(", ").append(note);
-    return text + ": " + FormatHex(packet, kHexLimit);
+    return fmt::format("{}, {}{}{}: {}", what, Counted(packet.size(), "byte"),
+                       note.empty() ? "" : ", ", note, FormatHex(packet, kHexLimit));
 }

@@ -16,6 +16,9 @@ std::string ParseSize(std::string_view text, uint64_t* bytes);
 // "73 00 1D ...": at most limit bytes, dots when there are more.
 std::string FormatHex(std::string_view bytes, size_t limit);
 
+// "1 byte", "2 bytes".
+std::string Counted(uint64_t count, std::string_view what);
+
 // "log configuration (0x73), 12 bytes: 73 00 ...", cut at 64 bytes. note, unless empty, stands
 // behind the length.
 std::string DescribePacket(std::string_view packet, std::string_view note = {});

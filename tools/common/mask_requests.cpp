@@ -1,8 +1,9 @@
 #include "tools/common/mask_requests.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 
 #include "tools/common/packet.h"
 
@@ -47,10 +48,8 @@ std::vector<uint32_t> EnabledItems(const SetMaskRequest& request) {
     return items;
 }
 
-std::string LogCodeText(uint32_t id, uint32_t item) {
-    char text[16];
-    snprintf(text, sizeof text, "0x%04X", id << 12 | item);
-    return text;
+std::string LogCodeText(uint32_t code) {
+    return fmt::format("0x{:04X}", code);
 }
 
 std::string ParseLogCodeRange(std::string_view text, LogCodeRange* range) {
@@ -71,7 +70,7 @@ std::string ParseLogCodes(std::string_view text, std::set<uint32_t>* codes) {
         const std::string_view item = text.substr(0, comma);
         LogCodeRange range = {};
         const std::string error = ParseLogCodeRange(item, &range);
-        if (!error.empty()) return error + ": \"" + std::string(item) + "\"";
+        if (!error.empty()) return fmt::format("{}: \"{}\"", error, item);
         for (uint32_t code = range.first; code <= range.last; ++code)
             codes->insert(code);
         text.remove_prefix(std::min(item.size() + 1, text.size()));
@@ -100,8 +99,8 @@ std::string CodeLines(const SetMaskRequest& request, const char* indent) {
         const uint32_t first = items[i];
         while (i + 1 < items.size() && items[i + 1] == items[i] + 1)
             ++i;
-        lines += indent + LogCodeText(request.id, first);
-        if (items[i] != first) lines += "-" + LogCodeText(request.id, items[i]);
+        lines += indent + LogCodeText(request.id << 12 | first);
+        if (items[i] != first) lines += "-" + LogCodeText(request.id << 12 | items[i]);
         lines += "\n";
     }
     return lines;

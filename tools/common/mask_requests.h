@@ -47,7 +47,7 @@ std::optional<SetMaskRequest> ReadSetMask(std::string_view packet);
 std::vector<uint32_t> EnabledItems(const SetMaskRequest& request);
 
 // "0x117C".
-std::string LogCodeText(uint32_t id, uint32_t item);
+std::string LogCodeText(uint32_t code);
 
 // The codes from one to the other, of one equipment id of 0 to 13.
 struct LogCodeRange {

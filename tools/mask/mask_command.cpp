@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "diag/hdlc.h"
 #include "tools/common/diag_client.h"
+#include "tools/common/output.h"
 #include "tools/common/tool_error.h"
 #include "tools/common/unique_fd.h"
 #include "tools/mask/mask_list.h"
@@ -33,18 +33,14 @@ struct MaskOptions {
     uint16_t port = kDaemonPort;
 };
 
-[[noreturn]] void Fail(const std::string& what, int error) {
-    throw ToolError(what + ": " + strerror(error));
-}
-
 std::string ReadFile(const std::string& path) {
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() == -1) Fail("cannot open " + path, errno);
+    if (fd.get() == -1) throw SystemError("cannot open {}", path);
     std::string content;
     std::array<char, 65536> piece;
     while (true) {
         const ssize_t count = read(fd.get(), piece.data(), piece.size());
-        if (count < 0) Fail("cannot read " + path, errno);
+        if (count < 0) throw SystemError("cannot read {}", path);
         if (count == 0) return content;
         content.append(piece.data(), static_cast<size_t>(count));
     }
@@ -66,15 +62,15 @@ int WriteFresh(const std::string& path, std::string_view content) {
 void ReplaceFile(const std::string& path, std::string_view content) {
     struct stat there {};
     if (lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
-        throw ToolError(path + " exists and is not a regular file");
+        throw ToolError("{} exists and is not a regular file", path);
     }
-    const std::string fresh = path + "." + std::to_string(getpid());
+    const std::string fresh = fmt::format("{}.{}", path, getpid());
     unlink(fresh.c_str());
     int error = WriteFresh(fresh, content);
     if (error == 0 && rename(fresh.c_str(), path.c_str()) != 0) error = errno;
     if (error == 0) return;
     unlink(fresh.c_str());
-    Fail("cannot write " + path, error);
+    throw ToolError("cannot write {}: {}", path, strerror(error));
 }
 
 // Whether people wrote this, rather than a program.
@@ -89,12 +85,12 @@ int RunCompile(const MaskOptions& options) {
     const std::string list = ReadFile(options.list);
     if (!IsText(list)) {
         throw ToolError(
-            options.list +
-            " is no text list; if it is a log-mask file, quilltool mask print shows it");
+            "{} is no text list; if it is a log-mask file, quilltool mask print shows it",
+            options.list);
     }
     const CompiledMaskList compiled = CompileMaskList(list, options.list);
     for (const std::string& warning : compiled.warnings)
-        fprintf(stderr, "quilltool: warning: %s\n", warning.c_str());
+        Remark("warning: {}", warning);
     ReplaceFile(options.output, compiled.file);
     return 0;
 }
@@ -102,20 +98,19 @@ int RunCompile(const MaskOptions& options) {
 int RunPrint(const MaskOptions& options) {
     const std::string file = ReadFile(options.file);
     if (!file.empty() && IsText(file) && file.back() != static_cast<char>(kHdlcFlag)) {
-        throw ToolError(options.file +
-                        " is text; if it is a list, quilltool mask compile makes a file of it");
+        throw ToolError("{} is text; if it is a list, quilltool mask compile makes a file of it",
+                        options.file);
     }
     const MaskFileText shown = options.asList ? ListMaskFile(file) : PrintMaskFile(file);
-    fputs(shown.text.c_str(), stdout);
-    fflush(stdout);
+    PrintText(shown.text);
     for (const std::string& finding : shown.findings)
-        fprintf(stderr, "quilltool: %s: %s\n", options.file.c_str(), finding.c_str());
+        Remark("{}: {}", options.file, finding);
     return shown.findings.empty() ? 0 : 1;
 }
 
 int RunRanges(const MaskOptions& options) {
     DiagClient client(options.host, options.port, kModemTimeout);
-    fputs(AskWidths(client, kModemTimeout).c_str(), stdout);
+    PrintText(AskWidths(client, kModemTimeout));
     return 0;
 }
 

@@ -68,7 +68,7 @@ class MaskListCompiler {
 
     CompiledMaskList Finish() {
         CheckWidths();
-        if (mRequests.empty()) throw ToolError(mName + ": the list has no requests");
+        if (mRequests.empty()) throw ToolError("{}: the list has no requests", mName);
         for (const Request& request : mRequests) {
             AppendFrame(mResult.file,
                         request.packet.empty() ? SetMaskOf(request.id) : request.packet);
@@ -95,7 +95,7 @@ class MaskListCompiler {
     void TakeCodes(std::string_view item) {
         LogCodeRange range = {};
         const std::string error = ParseLogCodeRange(item, &range);
-        if (!error.empty()) Fail(error, item);
+        if (!error.empty()) Fail(mLine, "{}: {}", error, item);
         const auto [first, last] = range;
         const uint32_t id = first >> 12;
         Mask& mask = mMasks[id];
@@ -115,12 +115,13 @@ class MaskListCompiler {
         if (blank == std::string::npos || !ParseAnyNumber(numbers.substr(0, blank), &id) ||
             !ParseAnyNumber(numbers.substr(blank + 1), &bits) || id >= kMaskFileIds || bits == 0 ||
             bits > kItemsPerEquipment) {
-            Fail("width takes an equipment id (0 to 13) and a number of bits (1 to 4096)", numbers);
+            Fail(mLine,
+                 "width takes an equipment id (0 to 13) and a number of bits (1 to 4096): {}",
+                 numbers);
         }
         Mask& mask = mMasks[id];
         if (mask.widthLine != 0) {
-            Fail("equipment id " + std::to_string(id) + " has a width from line " +
-                     std::to_string(mask.widthLine) + " already",
+            Fail(mLine, "equipment id {} has a width from line {} already: {}", id, mask.widthLine,
                  numbers);
         }
         mask.width = bits;
@@ -130,13 +131,12 @@ class MaskListCompiler {
     void TakeRaw(std::string_view hex) {
         std::string packet;
         const std::string error = ParseHex(hex, &packet);
-        if (!error.empty()) Fail(mLine, "raw: " + error);
+        if (!error.empty()) Fail(mLine, "raw: {}", error);
         std::string frame;
         AppendFrame(frame, packet);
         if (frame.size() > kDiagAreaSize) {
-            Fail(mLine, "raw: a frame of " + std::to_string(frame.size()) +
-                            " bytes; the daemon reads frames up to " +
-                            std::to_string(kDiagAreaSize));
+            Fail(mLine, "raw: a frame of {} bytes; the daemon reads frames up to {}", frame.size(),
+                 kDiagAreaSize);
         }
         mRequests.push_back({packet});
     }
@@ -147,8 +147,10 @@ class MaskListCompiler {
             mRequests.push_back({std::string(named.packet)});
             return;
         }
-        Fail("unknown item (there are log codes, width, events on, messages on, timestamp, raw)",
-             item);
+        Fail(
+            mLine,
+            "unknown item (there are log codes, width, events on, messages on, timestamp, raw): {}",
+            item);
     }
 
     void CheckWidths() {
@@ -156,12 +158,12 @@ class MaskListCompiler {
             const Mask& mask = mMasks[id];
             if (mask.widthLine == 0) continue;
             if (mask.highestLine == 0) {
-                mResult.warnings.push_back(Place(mask.widthLine) + "no log codes of equipment id " +
-                                           std::to_string(id) + ": its width makes no request");
+                mResult.warnings.push_back(fmt::format(
+                    "{}:{}: no log codes of equipment id {}: its width makes no request", mName,
+                    mask.widthLine, id));
             } else if (mask.highest >= mask.width) {
-                Fail(mask.highestLine, "log code " + LogCodeText(id, mask.highest) +
-                                           " lies beyond the " + std::to_string(mask.width) +
-                                           " bits given in line " + std::to_string(mask.widthLine));
+                Fail(mask.highestLine, "log code {} lies beyond the {} bits given in line {}",
+                     LogCodeText(id << 12 | mask.highest), mask.width, mask.widthLine);
             }
         }
     }
@@ -176,13 +178,10 @@ class MaskListCompiler {
         return MakeSetMask({id, bits, bytes});
     }
 
-    std::string Place(int line) const { return mName + ":" + std::to_string(line) + ": "; }
-
-    [[noreturn]] void Fail(int line, const std::string& what) const {
-        throw ToolError(Place(line) + what);
-    }
-    [[noreturn]] void Fail(const std::string& what, std::string_view item) const {
-        Fail(mLine, what + ": " + std::string(item));
+    template <typename... T>
+    [[noreturn]] void Fail(int line, fmt::format_string<T...> format, T&&... arguments) const {
+        throw ToolError("{}:{}: {}", mName, line,
+                        fmt::format(format, std::forward<T>(arguments)...));
     }
 
     const std::string mName;

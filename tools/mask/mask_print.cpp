@@ -1,5 +1,7 @@
 #include "tools/mask/mask_print.h"
 
+#include <fmt/format.h>
+
 #include <array>
 
 #include "tools/common/frame_stream.h"
@@ -18,10 +20,6 @@ struct MaskFrame {
     std::vector<std::string> problems;
 };
 
-std::string Counted(size_t count, const char* what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 void CheckSetMask(MaskFrame& frame) {
     const auto request = ReadSetMask(frame.packet);
     auto& problems = frame.problems;
@@ -30,21 +28,21 @@ void CheckSetMask(MaskFrame& frame) {
         return;
     }
     if (request->id >= kMaskFileIds) {
-        problems.push_back("equipment id " + std::to_string(request->id) +
-                           " is above 13: the daemon does not keep its mask");
+        problems.push_back(fmt::format(
+            "equipment id {} is above 13: the daemon does not keep its mask", request->id));
     }
-    const std::string bits = std::to_string(request->bits) + " bits";
     if (request->bits > kItemsPerEquipment) {
-        problems.push_back("a mask has at most " + std::to_string(kItemsPerEquipment) +
-                           " bits, not " + std::to_string(request->bits));
+        problems.push_back(
+            fmt::format("a mask has at most {} bits, not {}", kItemsPerEquipment, request->bits));
         return;
     }
     if (request->mask.size() != LogMaskBytes(request->bits)) {
-        problems.push_back(Counted(request->mask.size(), "mask byte") + " for " + bits);
+        problems.push_back(fmt::format("{} for {} bits", Counted(request->mask.size(), "mask byte"),
+                                       request->bits));
     }
     const auto items = EnabledItems(*request);
     if (!items.empty() && items.back() >= request->bits) {
-        problems.push_back("codes are enabled beyond the " + bits);
+        problems.push_back(fmt::format("codes are enabled beyond the {} bits", request->bits));
     }
 }
 
@@ -61,13 +59,14 @@ void TakeFrame(FrameState state, std::string_view packet, bool closed, MaskFrame
             frame.problems.emplace_back("bad check sequence");
             break;
         case FrameState::kOverlong:
-            frame.problems.push_back(std::to_string(kDiagAreaSize) +
-                                     " bytes without 0x7E: the daemon stops reading here");
+            frame.problems.push_back(
+                fmt::format("{} bytes without 0x7E: the daemon stops reading here", kDiagAreaSize));
             break;
         case FrameState::kIncomplete:
             if (closed) break;
-            frame.problems.push_back("no 0x7E behind the last " + Counted(frame.length, "byte") +
-                                     ": the daemon does not send them");
+            frame.problems.push_back(
+                fmt::format("no 0x7E behind the last {}: the daemon does not send them",
+                            Counted(frame.length, "byte")));
     }
     if (BeginsSetMask(frame.packet)) CheckSetMask(frame);
 }
@@ -96,9 +95,10 @@ std::string Describe(const MaskFrame& frame) {
     const char* const check = frame.good ? "check sequence good" : "check sequence BAD";
     const auto request = ReadSetMask(frame.packet);
     if (!request.has_value()) return DescribePacket(frame.packet, check);
-    return "set log mask (0x73), " + Counted(frame.packet.size(), "byte") + ", " + check +
-           ": equipment id " + std::to_string(request->id) + ", " + Counted(request->bits, "bit") +
-           ", " + Counted(EnabledItems(*request).size(), "code");
+    return fmt::format("set log mask (0x73), {}, {}: equipment id {}, {}, {}",
+                       Counted(frame.packet.size(), "byte"), check, request->id,
+                       Counted(request->bits, "bit"),
+                       Counted(EnabledItems(*request).size(), "code"));
 }
 
 // The codes of request, and its width unless a list has that anyway. Empty when such lines make
@@ -112,20 +112,16 @@ std::string MaskLines(const SetMaskRequest& request, std::string_view packet) {
     if (!listable) return "";
     std::string lines;
     if (request.bits != 8 * (items.back() / 8 + 1)) {
-        lines = "width " + std::to_string(request.id) + " " + std::to_string(request.bits) + "\n";
+        lines = fmt::format("width {} {}\n", request.id, request.bits);
     }
     return lines + CodeLines(request, "");
 }
 
 std::string RequestLine(std::string_view packet) {
     for (const NamedRequest& named : kNamedRequests) {
-        if (packet == named.packet) return std::string(named.item) + "\n";
+        if (packet == named.packet) return fmt::format("{}\n", named.item);
     }
-    return "raw " + FormatHex(packet, packet.size()) + "\n";
-}
-
-std::string OffsetText(const MaskFrame& frame) {
-    return "offset " + std::to_string(frame.offset) + ": ";
+    return fmt::format("raw {}\n", FormatHex(packet, packet.size()));
 }
 
 std::vector<std::string> Findings(const std::vector<MaskFrame>& frames) {
@@ -133,7 +129,7 @@ std::vector<std::string> Findings(const std::vector<MaskFrame>& frames) {
     if (frames.empty()) findings.emplace_back("offset 0: the file is empty");
     for (const MaskFrame& frame : frames) {
         for (const std::string& problem : frame.problems)
-            findings.push_back(OffsetText(frame) + problem);
+            findings.push_back(fmt::format("offset {}: {}", frame.offset, problem));
     }
     return findings;
 }
@@ -145,7 +141,7 @@ MaskFileText PrintMaskFile(std::string_view file) {
     MaskFileText result;
     result.findings = Findings(frames);
     for (const MaskFrame& frame : frames) {
-        result.text += OffsetText(frame) + Describe(frame) + "\n";
+        result.text += fmt::format("offset {}: {}\n", frame.offset, Describe(frame));
         const auto request = ReadSetMask(frame.packet);
         if (request.has_value() && request->id < kMaskFileIds) {
             result.text += CodeLines(*request, "  ");
@@ -162,7 +158,8 @@ MaskFileText ListMaskFile(std::string_view file) {
     std::array<bool, kMaskFileIds> listed{};
     for (const MaskFrame& frame : frames) {
         if (!frame.good) {
-            result.text += "# left out: " + OffsetText(frame) + Describe(frame) + "\n";
+            result.text +=
+                fmt::format("# left out: offset {}: {}\n", frame.offset, Describe(frame));
             continue;
         }
         const auto request = ReadSetMask(frame.packet);

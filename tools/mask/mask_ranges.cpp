@@ -27,14 +27,13 @@ bool BeginsWith(std::string_view packet, std::string_view begin) {
 std::string WidthLines(std::string_view answer) {
     if (answer.size() < kCountsAt + kCountLength * kMaskFileIds ||
         ReadLe32(&answer[kStatusAt]) != 0) {
-        throw ToolError("the modem does not tell its ranges of log items: " +
+        throw ToolError("the modem does not tell its ranges of log items: {}",
                         DescribePacket(answer));
     }
     std::string lines;
     for (uint32_t id = 0; id < kMaskFileIds; ++id) {
         const uint32_t count = ReadLe32(&answer[kCountsAt + kCountLength * id]);
-        if (count == 0) continue;
-        lines += "width " + std::to_string(id) + " " + std::to_string(count) + "\n";
+        if (count != 0) lines += fmt::format("width {} {}\n", id, count);
     }
     return lines;
 }

@@ -1,5 +1,9 @@
 #include "tools/modem/log_mask_table.h"
 
+#include <fmt/format.h>
+
+#include "tools/common/frame_text.h"
+
 namespace {
 
 bool IsSet(const LogMaskTable::Row& row, uint32_t item) {
@@ -35,12 +39,9 @@ std::string LogMaskTable::Summary() const {
         ++counts[code >> 12];
     }
 
-    std::string text;
-    for (uint32_t id = 0; id < kModemEquipmentIds; ++id) {
-        if (counts[id] == 0) continue;
-        if (!text.empty()) text += ", ";
-        text += "id " + std::to_string(id) + ": " + std::to_string(counts[id]) +
-                (counts[id] == 1 ? " code" : " codes");
-    }
-    return text.empty() ? "no codes" : text;
+    std::vector<std::string> parts;
+    for (uint32_t id = 0; id < kModemEquipmentIds; ++id)
+        if (counts[id] != 0)
+            parts.push_back(fmt::format("id {}: {}", id, Counted(counts[id], "code")));
+    return parts.empty() ? "no codes" : fmt::format("{}", fmt::join(parts, ", "));
 }

@@ -5,11 +5,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 
 #include "tools/common/end_signals.h"
+#include "tools/common/output.h"
 #include "tools/common/tool_error.h"
 #include "tools/modem/pty_line.h"
 #include "tools/modem/sim_modem.h"
@@ -42,7 +42,7 @@ class ModemRunner {
 
     // Serves the line until a signal ends it.
     void Run() {
-        printf("modem ready at %s\n", mOptions.path.c_str());
+        Print("modem ready at {}\n", mOptions.path);
         while (Wait()) {
             EndIdleBulk();
             ReadLine();
@@ -55,7 +55,7 @@ class ModemRunner {
     static SimModem::Options MakeModemOptions(const ModemOptions& options) {
         SimModem::Options result;
         result.mute = options.mute;
-        if (options.verbose) result.trace = [](const std::string& line) { puts(line.c_str()); };
+        if (options.verbose) result.trace = [](const std::string& line) { Print("{}\n", line); };
         return result;
     }
 
@@ -66,7 +66,7 @@ class ModemRunner {
         pollfd watched[] = {{mSignals.get(), POLLIN, 0},
                             {mLine.fd(), static_cast<short>(events), 0}};
         if (poll(watched, std::size(watched), WaitMillis()) < 0 && errno != EINTR) {
-            throw ToolError(std::string("poll: ") + strerror(errno));
+            throw SystemError("poll");
         }
         mReadable = reads && (watched[1].revents & POLLIN) != 0;
         return watched[0].revents == 0;

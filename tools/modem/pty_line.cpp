@@ -8,21 +8,16 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 
 #include "tools/common/tool_error.h"
 
 namespace {
 
-[[noreturn]] void Fail(const std::string& what) {
-    throw ToolError(what + ": " + strerror(errno));
-}
-
 void MakeRaw(int fd) {
     termios settings{};
-    if (tcgetattr(fd, &settings) != 0) Fail("cannot read the line's settings");
+    if (tcgetattr(fd, &settings) != 0) throw SystemError("cannot read the line's settings");
     cfmakeraw(&settings);
-    if (tcsetattr(fd, TCSANOW, &settings) != 0) Fail("cannot make the line raw");
+    if (tcsetattr(fd, TCSANOW, &settings) != 0) throw SystemError("cannot make the line raw");
 }
 
 // Whether a read or write returned -1 only because the line has nothing or no room now.
@@ -34,16 +29,17 @@ bool IsBusy() {
 void PutLink(const std::string& target, const std::string& path) {
     struct stat there {};
     if (lstat(path.c_str(), &there) == 0 && !S_ISLNK(there.st_mode)) {
-        throw ToolError(path + " exists and is not a symbolic link");
+        throw ToolError("{} exists and is not a symbolic link", path);
     }
-    const std::string fresh = path + "." + std::to_string(getpid());
+    const std::string fresh = fmt::format("{}.{}", path, getpid());
     unlink(fresh.c_str());
-    if (symlink(target.c_str(), fresh.c_str()) != 0) Fail("cannot make a link at " + path);
+    if (symlink(target.c_str(), fresh.c_str()) != 0)
+        throw SystemError("cannot make a link at {}", path);
     if (rename(fresh.c_str(), path.c_str()) != 0) {
         const int error = errno;
         unlink(fresh.c_str());
         errno = error;
-        Fail("cannot put the link at " + path);
+        throw SystemError("cannot put the link at {}", path);
     }
 }
 
@@ -51,22 +47,23 @@ void PutLink(const std::string& target, const std::string& path) {
 
 PtyLine::PtyLine(const std::string& path) : mPath(path) {
     mMaster = UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (mMaster.get() == -1) Fail("cannot open a pseudo-terminal");
+    if (mMaster.get() == -1) throw SystemError("cannot open a pseudo-terminal");
     char name[PATH_MAX];
     if (grantpt(mMaster.get()) != 0 || unlockpt(mMaster.get()) != 0 ||
         ptsname_r(mMaster.get(), name, sizeof name) != 0) {
-        Fail("cannot set up a pseudo-terminal");
+        throw SystemError("cannot set up a pseudo-terminal");
     }
     mSlaveName = name;
     mSlave = UniqueFd(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (mSlave.get() == -1) Fail("cannot open " + mSlaveName);
+    if (mSlave.get() == -1) throw SystemError("cannot open {}", mSlaveName);
     MakeRaw(mSlave.get());
     if (fcntl(mMaster.get(), F_SETFL, O_RDWR | O_NONBLOCK) != 0) {
-        Fail("cannot make the line non-blocking");
+        throw SystemError("cannot make the line non-blocking");
     }
     // Every read from now on begins with a byte that says what it brings.
     const int on = 1;
-    if (ioctl(mMaster.get(), TIOCPKT, &on) != 0) Fail("cannot watch the line for flushes");
+    if (ioctl(mMaster.get(), TIOCPKT, &on) != 0)
+        throw SystemError("cannot watch the line for flushes");
     PutLink(mSlaveName, mPath);
 }
 
@@ -82,7 +79,7 @@ bool PtyLine::Read(Input* input) {
     *input = {};
     const ssize_t count = read(mMaster.get(), mBuffer.data(), mBuffer.size());
     if (count < 0 && IsBusy()) return false;
-    if (count <= 0) Fail("cannot read the line");
+    if (count <= 0) throw SystemError("cannot read the line");
     const char status = mBuffer[0];
     if (status == TIOCPKT_DATA) {
         input->data = {&mBuffer[1], static_cast<size_t>(count) - 1};
@@ -94,6 +91,6 @@ bool PtyLine::Read(Input* input) {
 
 size_t PtyLine::Write(std::string_view data) {
     const ssize_t count = write(mMaster.get(), data.data(), data.size());
-    if (count < 0 && !IsBusy()) Fail("cannot write the line");
+    if (count < 0 && !IsBusy()) throw SystemError("cannot write the line");
     return count < 0 ? 0 : static_cast<size_t>(count);
 }

@@ -1,5 +1,7 @@
 #include "tools/modem/sim_modem.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "tools/common/diag_time.h"
@@ -236,8 +238,8 @@ void SimModem::FinishSink() {
 
 void SimModem::AbandonBulk() {
     if (!InBulk()) return;
-    Trace("bulk transfer abandoned: " + std::to_string(mSourceLeft) + " bytes not sent, " +
-          std::to_string(mSinkLeft) + " not received");
+    Trace(fmt::format("bulk transfer abandoned: {} bytes not sent, {} not received", mSourceLeft,
+                      mSinkLeft));
     mSourceLeft = 0;
     mSourceBehind = 0;
     mSinkLeft = 0;
@@ -261,8 +263,8 @@ void SimModem::AnswerBad(std::string_view request) {
 }
 
 std::string SimModem::LoggingSummary() const {
-    return "logging: " + mMasks.Summary() + "; events " + (mEventsOn ? "on" : "off") +
-           "; messages " + (mMessagesOn ? "on" : "off");
+    return fmt::format("logging: {}; events {}; messages {}", mMasks.Summary(),
+                       mEventsOn ? "on" : "off", mMessagesOn ? "on" : "off");
 }
 
 void SimModem::Trace(const std::string& line) const {

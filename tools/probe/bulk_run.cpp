@@ -70,8 +70,8 @@ class BulkRun {
         if (!Unsent().empty()) watched.events |= POLLOUT;
         const auto limit = std::chrono::ceil<std::chrono::milliseconds>(mIdleLimit);
         const int ready = poll(&watched, 1, static_cast<int>(limit.count()));
-        if (ready < 0 && errno != EINTR) throw ToolError(std::string("poll: ") + strerror(errno));
-        if (ready == 0) throw ToolError("bulk: nothing moves any more; " + Progress());
+        if (ready < 0 && errno != EINTR) throw SystemError("poll");
+        if (ready == 0) throw ToolError("bulk: nothing moves any more; {}", Progress());
     }
 
     void WriteSome() {
@@ -80,8 +80,7 @@ class BulkRun {
         const ssize_t count = write(mClient.fd(), unsent.data(), unsent.size());
         if (count < 0) {
             if (errno == EAGAIN || errno == EINTR) return;
-            throw ToolError(std::string("bulk: cannot send: ") + strerror(errno) + "; " +
-                            Progress());
+            throw ToolError("bulk: cannot send: {}; {}", strerror(errno), Progress());
         }
         if (mRequestsSent < mRequests.size()) {
             mRequestsSent += static_cast<size_t>(count);
@@ -96,11 +95,10 @@ class BulkRun {
 
     void ReadSome() {
         const ssize_t count = read(mClient.fd(), mBuffer.data(), mBuffer.size());
-        if (count == 0) throw ToolError("bulk: the connection was closed; " + Progress());
+        if (count == 0) throw ToolError("bulk: the connection was closed; {}", Progress());
         if (count < 0) {
             if (errno == EAGAIN || errno == EINTR) return;
-            throw ToolError(std::string("bulk: cannot receive: ") + strerror(errno) + "; " +
-                            Progress());
+            throw ToolError("bulk: cannot receive: {}; {}", strerror(errno), Progress());
         }
         TakeBytes(mBuffer.data(), static_cast<size_t>(count));
     }
@@ -123,8 +121,7 @@ class BulkRun {
                                   packet.size() == kSinkAnswerLength &&
                                   packet.substr(0, 2) == BulkRequest(kBulkSink, 0).substr(0, 2);
         if (!isSinkAnswer) {
-            throw ToolError("bulk: unexpected frame: " + DescribePacket(packet) + "; " +
-                            Progress());
+            throw ToolError("bulk: unexpected frame: {}; {}", DescribePacket(packet), Progress());
         }
         mReport.up.bytes = ReadLe64(&packet[2]);
         mReport.up.mismatch = ReadLe64(&packet[10]);
@@ -137,13 +134,12 @@ class BulkRun {
     }
 
     std::string Progress() const {
-        std::string text = std::to_string(mUpSent) + " of " + std::to_string(mUpBytes) +
-                           " bytes sent, " + std::to_string(mChecker.received()) + " of " +
-                           std::to_string(mDownBytes) + " received";
-        if (mChecker.mismatch() != kNoMismatch) {
-            text += ", the first wrong one at offset " + std::to_string(mChecker.mismatch());
-        }
-        return text;
+        const std::string wrong =
+            mChecker.mismatch() == kNoMismatch
+                ? ""
+                : fmt::format(", the first wrong one at offset {}", mChecker.mismatch());
+        return fmt::format("{} of {} bytes sent, {} of {} received{}", mUpSent, mUpBytes,
+                           mChecker.received(), mDownBytes, wrong);
     }
 
     DiagClient& mClient;

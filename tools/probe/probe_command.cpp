@@ -11,6 +11,7 @@
 #include "tools/common/end_signals.h"
 #include "tools/common/frame_text.h"
 #include "tools/common/mask_requests.h"
+#include "tools/common/output.h"
 #include "tools/common/packet.h"
 #include "tools/probe/bulk_run.h"
 #include "tools/probe/probe_masks.h"
@@ -41,23 +42,15 @@ Clock::duration Seconds(double seconds) {
 // Prints one direction's result; returns whether every byte was right.
 bool PrintBulk(const char* name, uint64_t wanted, const BulkResult& result) {
     if (wanted == 0) return true;
-    printf("%s %llu bytes in %.3f s, %.1f MB/s", name,
-           static_cast<unsigned long long>(result.bytes), result.seconds,
-           static_cast<double>(result.bytes) / 1e6 / result.seconds);
-    if (result.bytes == wanted && result.mismatch == kNoMismatch) {
-        puts(", every byte right");
-        return true;
-    }
-    puts("");
-    if (result.bytes != wanted) {
-        fprintf(stderr, "quilltool: %s %llu bytes expected\n", name,
-                static_cast<unsigned long long>(wanted));
-    }
+    const bool right = result.bytes == wanted && result.mismatch == kNoMismatch;
+    Print("{} {} bytes in {:.3f} s, {:.1f} MB/s{}\n", name, result.bytes, result.seconds,
+          static_cast<double>(result.bytes) / 1e6 / result.seconds,
+          right ? ", every byte right" : "");
+    if (result.bytes != wanted) Remark("{} {} bytes expected", name, wanted);
     if (result.mismatch != kNoMismatch) {
-        fprintf(stderr, "quilltool: %s the first wrong byte is at offset %llu\n", name,
-                static_cast<unsigned long long>(result.mismatch));
+        Remark("{} the first wrong byte is at offset {}", name, result.mismatch);
     }
-    return false;
+    return right;
 }
 
 bool ProbeBulk(DiagClient& client, const ProbeOptions& options) {
@@ -87,7 +80,7 @@ void AskAll(Prober& prober, const ProbeOptions& options, const std::set<uint32_t
     if (!codes.empty()) SetLogCodes(prober, codes);
     if (!options.getMask) return;
     const std::string enabled = EnabledCodeLines(prober);
-    fputs(enabled.empty() ? "no log codes are enabled\n" : enabled.c_str(), stdout);
+    PrintText(enabled.empty() ? "no log codes are enabled\n" : enabled);
 }
 
 void Watch(Prober& prober, const ProbeOptions& options) {
@@ -113,8 +106,7 @@ int RunProbe(const ProbeOptions& options) {
     Watch(prober, options);
     const bool bulkRight = options.bulk.empty() || ProbeBulk(client, options);
     if (prober.badFrames() > 0) {
-        fprintf(stderr, "quilltool: frames with a bad check sequence: %llu\n",
-                static_cast<unsigned long long>(prober.badFrames()));
+        Remark("frames with a bad check sequence: {}", prober.badFrames());
     }
     return bulkRight && prober.badFrames() == 0 ? 0 : 1;
 }

@@ -46,8 +46,8 @@ void SetLogCodes(Prober& prober, const std::set<uint32_t>& codes) {
         Widen(request, ranges);
         const std::string answer = prober.Ask(MakeSetMask(request));
         if (IsGranted(answer)) continue;
-        throw ToolError("the modem refused the log mask of equipment id " +
-                        std::to_string(request.id) + ": " + DescribePacket(answer));
+        throw ToolError("the modem refused the log mask of equipment id {}: {}", request.id,
+                        DescribePacket(answer));
     }
 }
 

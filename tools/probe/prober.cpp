@@ -1,10 +1,10 @@
 #include "tools/probe/prober.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "tools/common/frame_text.h"
 #include "tools/common/mask_requests.h"
+#include "tools/common/output.h"
 #include "tools/common/packet.h"
 #include "tools/common/tool_error.h"
 
@@ -24,7 +24,7 @@ bool IsAnswer(std::string_view packet, std::string_view request) {
 void PrintBytes(std::string_view bytes) {
     constexpr size_t kPerLine = 32;
     for (; !bytes.empty(); bytes.remove_prefix(std::min(kPerLine, bytes.size())))
-        puts(FormatHex(bytes.substr(0, kPerLine), kPerLine).c_str());
+        Print("{}\n", FormatHex(bytes.substr(0, kPerLine), kPerLine));
 }
 
 }  // namespace
@@ -35,15 +35,15 @@ Prober::Prober(DiagClient& client, Clock::duration timeout, ProbeOutput output)
 }
 
 std::string Prober::Ask(std::string_view request) {
-    if (!mOutput.raw && !mQuiet) printf("-> %s\n", DescribePacket(request).c_str());
+    if (!mOutput.raw && !mQuiet) Print("-> {}\n", DescribePacket(request));
     mClient.Send(request);
     const auto until = Clock::now() + mTimeout;
     ReceivedFrame frame;
     do {
         if (!mClient.NextFrame(until, &frame)) {
-            throw ToolError("no answer in time to " + FormatHex(request, 8));
+            throw ToolError("no answer in time to {}", FormatHex(request, 8));
         }
-        Print(frame);
+        Show(frame);
     } while (!IsAnswer(frame.packet, request));
     return std::string(frame.packet);
 }
@@ -59,16 +59,16 @@ void Prober::Watch(Clock::time_point until, int endFd) {
     mClient.EndWaitsWith(endFd);
     ReceivedFrame frame;
     while (mClient.NextFrame(until, &frame))
-        Print(frame);
+        Show(frame);
     mClient.EndWaitsWith(-1);
 }
 
-void Prober::Print(const ReceivedFrame& frame) {
+void Prober::Show(const ReceivedFrame& frame) {
     if (mOutput.raw) return;
     if (frame.state != FrameState::kGood) ++mBadFrames;
     if (mQuiet) return;
     if (frame.state == FrameState::kOverlong) {
-        puts("<- frame too long to decode");
+        PrintText("<- frame too long to decode\n");
         return;
     }
     std::string note = frame.state == FrameState::kGood ? "FCS good" : "FCS BAD";
@@ -77,7 +77,7 @@ void Prober::Print(const ReceivedFrame& frame) {
         const bool wanted = code.has_value() ? mOutput.codes.count(*code) != 0
                                              : KindOf(frame.packet) == PacketKind::kAnswer;
         if (!wanted) return;
-        if (code.has_value()) note.insert(0, LogCodeText(*code >> 12, *code & 0xFFF) + ", ");
+        if (code.has_value()) note.insert(0, LogCodeText(*code) + ", ");
     }
-    printf("<- %s\n", DescribePacket(frame.packet, note).c_str());
+    Print("<- {}\n", DescribePacket(frame.packet, note));
 }

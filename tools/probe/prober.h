@@ -37,7 +37,7 @@ class Prober {
     uint64_t badFrames() const { return mBadFrames; }
 
   private:
-    void Print(const ReceivedFrame& frame);
+    void Show(const ReceivedFrame& frame);
 
     DiagClient& mClient;
     const Clock::duration mTimeout;

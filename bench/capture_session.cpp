@@ -48,7 +48,8 @@ bool Contains(const std::string& text, const std::string& part) {
 
 class Session {
   public:
-    explicit Session(Capture capture) : mCapture(capture) {
+    Session(const std::string& daemon, Capture capture)
+        : mCapture(capture), mDaemon(StartDaemon(daemon)) {
         if (mCapture != Capture::kOff) {
             Await("the modem is programmed", [this] { return mModem.IsProgrammed(); });
         }
@@ -141,7 +142,7 @@ class Session {
     const Capture mCapture;
     Flash mFlash;
     FrameModem mModem;
-    Child mDaemon = StartDaemon();
+    Child mDaemon;
     std::optional<DiagClient> mClient{ConnectFromPc()};
     uint64_t mAnswerSize = 0;  // of the version
     uint64_t mSent = 0;        // bytes of the modem's frames
@@ -150,9 +151,9 @@ class Session {
 
 }  // namespace
 
-CaptureResult RunCapture(Capture capture, double bytes) {
+CaptureResult RunCapture(const std::string& daemon, Capture capture, double bytes) {
     SetProperty(kSwitch, capture == Capture::kOff ? "false" : "true");
-    const CaptureResult result = Session(capture).Run(bytes);
+    const CaptureResult result = Session(daemon, capture).Run(bytes);
     SetProperty(kSwitch, "false");
     return result;
 }

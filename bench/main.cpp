@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "bench/rig.h"
 #include "bench/runs.h"
 
 namespace {
@@ -18,9 +19,9 @@ struct Subject {
 };
 
 const Subject kSubjects[] = {
-    {"to-tool", MeasureToTool},  {"to-modem", MeasureToModem}, {"round-trip", MeasureRoundTrips},
-    {"capture", MeasureCapture}, {"disk", MeasureDisk},        {"flood", MeasureFlood},
-    {"idle", MeasureIdle},       {"growth", MeasureGrowth},    {"framing", MeasureFraming},
+    {"to-tool", MeasureToTool},  {"to-modem", MeasureToModem},  {"round-trip", MeasureRoundTrips},
+    {"capture", MeasureCapture}, {"disk", MeasureDisk},         {"flood", MeasureFlood},
+    {"idle", MeasureIdle},       {"splitter", MeasureSplitter},
 };
 
 std::vector<std::string> SubjectNames() {
@@ -29,6 +30,16 @@ std::vector<std::string> SubjectNames() {
         names.push_back(subject.name);
     return names;
 }
+
+}  // namespace
+
+std::vector<DaemonProgram> Daemons(const Extent& extent) {
+    std::vector<DaemonProgram> daemons = {{"quillod", BuiltProgram("quillod")}};
+    if (!extent.other.empty()) daemons.push_back({"other", extent.other});
+    return daemons;
+}
+
+namespace {
 
 int Run(int argc, char** argv) {
     CLI::App app("Measures the daemon; run it inside a handset");
@@ -42,6 +53,8 @@ int Run(int argc, char** argv) {
     app.add_option("--rounds", extent.rounds, "Rounds")->check(CLI::Range(1, 1000));
     app.add_option("--only", subjects, "Measure this subject only; may be given again")
         ->check(CLI::IsMember(SubjectNames()));
+    app.add_option("--compare", extent.other, "Another quillod, to take turns with")
+        ->check(CLI::ExistingFile);
     CLI11_PARSE(app, argc, argv);
     if (!PrepareLog(argv)) return 1;
 

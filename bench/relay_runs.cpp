@@ -22,8 +22,7 @@ struct Contender {
     std::function<Child()> start;
 };
 
-const std::vector<Contender> kContenders = {
-    {"quillod", kDaemonPort, StartDaemon},
+const std::vector<Contender> kOthers = {
     {"socat", kOtherPort,
      [] {
          const std::string listen = "TCP-LISTEN:" + std::to_string(kOtherPort);
@@ -94,10 +93,14 @@ Cost Transfer(const Contender& contender, Way way, double bytes) {
 }
 
 // Calls run with each contender in each round, another one first each time.
-void InTurns(int rounds, const std::function<void(const Contender&)>& run) {
-    for (int round = 0; round < rounds; ++round)
-        for (size_t i = 0; i < kContenders.size(); ++i)
-            run(kContenders[(static_cast<size_t>(round) + i) % kContenders.size()]);
+void InTurns(const Extent& extent, const std::function<void(const Contender&)>& run) {
+    std::vector<Contender> contenders;
+    for (const auto& [name, path] : Daemons(extent))
+        contenders.push_back({name, kDaemonPort, [path] { return StartDaemon(path); }});
+    contenders.insert(contenders.begin() + 1, kOthers.begin(), kOthers.end());
+    for (int round = 0; round < extent.rounds; ++round)
+        for (size_t i = 0; i < contenders.size(); ++i)
+            run(contenders[(static_cast<size_t>(round) + i) % contenders.size()]);
 }
 
 void MeasureWay(const Extent& extent, Way way, const std::string& name, double cpuLimit,
@@ -105,7 +108,7 @@ void MeasureWay(const Extent& extent, Way way, const std::string& name, double c
     Row rate{"relay, " + name, "MB/s", true};
     Row cpu{"relay, " + name + ", CPU", "s/GB", true};
     const double bytes = kBulkBytes * extent.share;
-    InTurns(extent.rounds, [&](const Contender& contender) {
+    InTurns(extent, [&](const Contender& contender) {
         const Cost cost = Transfer(contender, way, bytes);
         rate.Record(contender.name, bytes / kMega / cost.seconds);
         cpu.Record(contender.name, cost.cpuSeconds * kGiga / bytes);
@@ -117,10 +120,6 @@ void MeasureWay(const Extent& extent, Way way, const std::string& name, double c
 }
 
 }  // namespace
-
-Cost RelayToTool(double bytes) {
-    return Transfer(kContenders[0], Way::kToTool, bytes);
-}
 
 void MeasureToTool(const Extent& extent, Report& report) {
     const Modem modem;
@@ -140,7 +139,7 @@ void MeasureRoundTrips(const Extent& extent, Report& report) {
     Row cpu{"round trip of 64 bytes, CPU", "us", true};
     const int count = static_cast<int>(kRoundTrips * extent.share);
     const Work none = [](DiagClient& /*client*/) {};
-    InTurns(extent.rounds, [&](const Contender& contender) {
+    InTurns(extent, [&](const Contender& contender) {
         std::vector<double> micros;
         const double used = WithContender(contender, none, [&](DiagClient& client) {
             for (int i = 0; i < count; ++i)

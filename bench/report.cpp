@@ -1,5 +1,6 @@
 #include "bench/report.h"
 
+#include <fmt/format.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -7,36 +8,20 @@
 #include <cmath>
 #include <fstream>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <thread>
+
+#include "bench/bench_support.h"
 
 namespace {
 
-constexpr int kBarWidth = 40;
+constexpr long kBarWidth = 40;
 
 using Cells = std::array<std::string, 4>;
 
 // About three digits, but every digit of what is large.
 std::string Number(double value) {
-    const int decimals = value < 1 ? 3 : value < 10 ? 2 : value < 100 ? 1 : 0;
-    char text[32];
-    snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
-}
-
-std::string Fixed(double value) {
-    char text[32];
-    snprintf(text, sizeof text, "%.3f", value);
-    return text;
-}
-
-// A text of ASCII as a JSON string.
-std::string Quoted(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') quoted += '\\';
-        quoted += c;
-    }
-    return quoted + '"';
+    return fmt::format("{:.{}f}", value, value < 1 ? 3 : value < 10 ? 2 : value < 100 ? 1 : 0);
 }
 
 // One line for each comparison.
@@ -46,25 +31,21 @@ void AppendLines(std::vector<Cells>& lines, const Row& row) {
     for (size_t i = 1; i < row.series.size(); ++i) {
         if (i > 1) first[0].clear(), first[1].clear();
         first[2] = row.series[i].who + " " + Number(Median(row.series[i].values));
-        first[3] = Fixed(row.Ratio(i));
+        const auto [low, middle, high] = row.Spread(i);
+        first[3] = fmt::format("{:.3f} ({:.3f} to {:.3f})", middle, low, high);
         lines.push_back(first);
     }
 }
 
-void WriteRow(std::ostream& out, const Row& row) {
-    out << "    {\"what\": " << Quoted(row.what) << ", \"unit\": " << Quoted(row.unit)
-        << ", \"figures\": [";
+nlohmann::json JsonOf(const Row& row) {
+    nlohmann::json figures;
     for (size_t i = 0; i < row.series.size(); ++i) {
         const Row::Series& series = row.series[i];
-        out << (i == 0 ? "" : ", ") << "{\"who\": " << Quoted(series.who)
-            << ", \"median\": " << Median(series.values);
-        if (i > 0) out << ", \"ratio\": " << row.Ratio(i);
-        out << ", \"values\": [";
-        for (size_t j = 0; j < series.values.size(); ++j)
-            out << (j == 0 ? "" : ", ") << series.values[j];
-        out << "]}";
+        figures.push_back(
+            {{"who", series.who}, {"median", Median(series.values)}, {"values", series.values}});
+        if (i > 0) figures.back()["ratio"] = row.Ratio(i);
     }
-    out << "]}";
+    return {{"what", row.what}, {"unit", row.unit}, {"figures", figures}};
 }
 
 }  // namespace
@@ -74,21 +55,23 @@ double Median(std::vector<double> values) {
     return (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2;
 }
 
-void Row::Record(const std::string& who, double value) {
+size_t Row::IndexOf(const std::string& who) const {
     const auto it = std::find_if(series.begin(), series.end(),
                                  [&who](const Series& known) { return known.who == who; });
-    if (it == series.end()) {
-        series.push_back({who, {value}});
-    } else {
-        it->values.push_back(value);
-    }
+    return static_cast<size_t>(it - series.begin());
 }
 
-double Row::Ratio(size_t other) const {
+void Row::Record(const std::string& who, double value) {
+    const size_t index = IndexOf(who);
+    if (index == series.size()) series.push_back({who, {}});
+    series[index].values.push_back(value);
+}
+
+Row::Quartiles Row::Spread(size_t other) const {
     std::vector<double> ratios;
     for (size_t i = 0; i < series[0].values.size(); ++i)
         ratios.push_back(series[0].values[i] / series[other].values[i]);
-    return Median(ratios);
+    return {Quantile(ratios, 0.25), Median(ratios), Quantile(ratios, 0.75)};
 }
 
 void Report::Add(Row row) {
@@ -109,21 +92,18 @@ void Report::AtMost(const std::string& what, double value, double limit, const s
 
 // In the form that a README shows as a table, too.
 void Report::PrintTable(std::ostream& out) const {
-    std::vector<Cells> lines = {{"Measured", "quillod", "Beside it", "Ratio"}};
+    std::vector<Cells> lines = {{"Measured", "quillod", "Beside it", "Ratio (quartiles)"},
+                                {"---", "---", "---", "---"}};
     for (const Row& row : mRows)
         AppendLines(lines, row);
     std::array<size_t, 4> widths{};
     for (const Cells& line : lines)
         for (size_t i = 0; i < line.size(); ++i)
             widths[i] = std::max(widths[i], line[i].size());
-    for (size_t number = 0; number < lines.size(); ++number) {
-        for (size_t i = 0; i < widths.size(); ++i) {
-            const std::string& cell = lines[number][i];
-            out << "| " << cell << std::string(widths[i] - cell.size() + 1, ' ');
-        }
+    for (const Cells& line : lines) {
+        for (size_t i = 0; i < line.size(); ++i)
+            out << fmt::format("| {:{}} ", line[i], widths[i]);
         out << "|\n";
-        for (size_t i = 0; number == 0 && i < widths.size(); ++i)
-            out << '|' << std::string(widths[i] + 2, '-') << (i + 1 < widths.size() ? "" : "|\n");
     }
 }
 
@@ -136,36 +116,33 @@ void Report::PrintChart(std::ostream& out) const {
             longest = std::max(longest, Median(series.values));
         for (const Row::Series& series : row.series) {
             const double value = Median(series.values);
-            out << "  " << series.who << std::string(11 - series.who.size(), ' ');
-            for (long i = std::lround(value / longest * kBarWidth); i > 0; --i)
-                out << "█";
-            out << " " << Number(value) << "\n";
+            const auto length = std::lround(value / longest * kBarWidth);
+            out << fmt::format("  {:10} {:#>{}} {}\n", series.who, "", length, Number(value));
         }
     }
 }
 
 void Report::PrintGoals(std::ostream& out) const {
     for (const Goal& goal : mGoals) {
-        out << (goal.spare >= 0 ? "met    " : "missed ") << goal.what << ": " << Fixed(goal.value)
-            << goal.unit << ", " << goal.sense << " " << Fixed(goal.limit) << goal.unit << ", by "
-            << Fixed(std::abs(goal.spare)) << "\n";
+        out << fmt::format("{} {}: {:.3f}{}, {} {:.3f}{}, by {:.3f}\n",
+                           goal.spare >= 0 ? "met   " : "missed", goal.what, goal.value, goal.unit,
+                           goal.sense, goal.limit, goal.unit, std::abs(goal.spare));
     }
 }
 
 void Report::WriteJson(std::ostream& out) const {
-    out << "{\n  \"machine\": " << Quoted(MachineText()) << ",\n  \"rows\": [\n";
-    for (size_t i = 0; i < mRows.size(); ++i) {
-        WriteRow(out, mRows[i]);
-        out << (i + 1 < mRows.size() ? ",\n" : "\n  ],\n  \"goals\": [\n");
+    nlohmann::json all = {{"machine", MachineText()}, {"rows", {}}, {"goals", {}}};
+    for (const Row& row : mRows)
+        all["rows"].push_back(JsonOf(row));
+    for (const Goal& goal : mGoals) {
+        all["goals"].push_back({{"what", goal.what},
+                                {"value", goal.value},
+                                {"sense", goal.sense},
+                                {"limit", goal.limit},
+                                {"unit", goal.unit},
+                                {"met", goal.spare >= 0}});
     }
-    for (size_t i = 0; i < mGoals.size(); ++i) {
-        const Goal& goal = mGoals[i];
-        out << "    {\"what\": " << Quoted(goal.what) << ", \"value\": " << goal.value
-            << ", \"sense\": " << Quoted(goal.sense) << ", \"limit\": " << goal.limit
-            << ", \"unit\": " << Quoted(goal.unit)
-            << ", \"met\": " << (goal.spare >= 0 ? "true" : "false") << "}"
-            << (i + 1 < mGoals.size() ? ",\n" : "\n  ]\n}\n");
-    }
+    out << all.dump(2) << "\n";
 }
 
 std::string MachineText() {

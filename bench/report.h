@@ -22,12 +22,18 @@ struct Row {
     // The first one recorded becomes the first of series.
     void Record(const std::string& who, double value);
 
+    size_t IndexOf(const std::string& who) const;
+
     // Median of the first contender's values.
     double Figure() const { return Median(series[0].values); }
 
-    // Median over the rounds of the first contender's value as a share of the other's, 1 for the
-    // second contender.
-    double Ratio(size_t other = 1) const;
+    // Over the rounds, the first contender's value as a share of the other's, 1 for the second
+    // contender.
+    struct Quartiles {
+        double low, median, high;
+    };
+    Quartiles Spread(size_t other) const;
+    double Ratio(size_t other = 1) const { return Spread(other).median; }
 };
 
 class Report {

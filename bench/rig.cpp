@@ -119,12 +119,11 @@ std::string BuiltProgram(const std::string& name) {
     return fs::read_symlink("/proc/self/exe").parent_path() / name;
 }
 
-Child StartDaemon() {
+Child StartDaemon(const std::string& program) {
     fs::remove(kDaemonLogFile);
     SetProperty(kLogLevel, "I");
     fs::copy_file(BuiltProgram("DIAG.cfg"), kMaskFile, fs::copy_options::overwrite_existing);
-    return {{"env", std::string("QUILLOD_LOG_FILE=") + kDaemonLogFile, BuiltProgram("quillod")},
-            "daemon"};
+    return {{"env", std::string("QUILLOD_LOG_FILE=") + kDaemonLogFile, program}, "daemon"};
 }
 
 std::string DaemonLog() {

@@ -39,8 +39,8 @@ class Child {
 // A program that was built beside this one.
 std::string BuiltProgram(const std::string& name);
 
-// The daemon, logging at level I into a log of its own, with the demo's log masks.
-Child StartDaemon();
+// A daemon, logging at level I into a log of its own, with the demo's log masks.
+Child StartDaemon(const std::string& program = BuiltProgram("quillod"));
 std::string DaemonLog();
 
 // The simulated modem, its port in place; arguments go to "quilltool modem".

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "bench/report.h"
 
@@ -14,8 +15,9 @@ inline constexpr double kWarmUpBytes = 10e6;
 
 struct Extent {
     int rounds = 5;
-    double share = 1;  // of the full volumes, counts and times
-    std::string disk;  // a directory of one
+    double share = 1;   // of the full volumes, counts and times
+    std::string disk;   // a directory of one
+    std::string other;  // another daemon to compare with; empty for none
 };
 
 // What moving some bytes took.
@@ -23,10 +25,6 @@ struct Cost {
     double seconds;
     double cpuSeconds;  // of the relaying process
 };
-
-// Sends bytes through the daemon, capture off, from the modem to the tool. Needs a Modem. Throws
-// when a byte is wrong or missing.
-Cost RelayToTool(double bytes);
 
 // The daemon, capture off, beside socat and beside a bare loop.
 void MeasureToTool(const Extent& extent, Report& report);
@@ -42,8 +40,8 @@ struct CaptureResult : Cost {
 };
 
 // Sends at least bytes, all log packets, from a modem of its own, until the tool and flash have
-// what is theirs.
-CaptureResult RunCapture(Capture capture, double bytes);
+// what is theirs. daemon: the program.
+CaptureResult RunCapture(const std::string& daemon, Capture capture, double bytes);
 
 void MeasureCapture(const Extent& extent, Report& report);
 
@@ -55,8 +53,12 @@ void MeasureFlood(const Extent& extent, Report& report);
 
 void MeasureIdle(const Extent& extent, Report& report);
 
-// Cost a byte with more bytes and with more wanted log codes.
-void MeasureGrowth(const Extent& extent, Report& report);
+// The splitter beside its limit, and with more wanted log codes.
+void MeasureSplitter(const Extent& extent, Report& report);
 
-// Encoder and un-escaper beside memcpy.
-void MeasureFraming(const Extent& extent, Report& report);
+// The daemons that a measurement compares, by name; the first is the one that was built here.
+struct DaemonProgram {
+    std::string name;
+    std::string path;
+};
+std::vector<DaemonProgram> Daemons(const Extent& extent);

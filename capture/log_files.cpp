@@ -11,23 +11,15 @@
 #include <cstring>
 #include <ctime>
 
-#include "daemon/log_switch.h"
+#include "base/log_switch.h"
 #include "platform/tagged_log.h"
 
 namespace {
 
-constexpr char kRecordFile[] = "/data/misc/radio/record.txt";
 constexpr mode_t kUmask = 027;
 constexpr mode_t kFileMode = 0644;
 constexpr uint64_t kRotationSize = 200ULL << 20;
 constexpr int kStampSize = 30;
-
-// Used by one writer thread at a time, so they have no lock.
-const char output_dir[255] = "/data/misc/radio/";
-int fd_dev = -1;     // current log file, -1 when none is open
-int fd_record = -1;  // record file, -1 when it is not open
-char dev_file_path[255] = "";
-uint64_t dev_file_size = 0;  // bytes counted into the current log file
 
 // Local date and time, then the milliseconds since the epoch; these alone without a local time.
 void BuildStamp(char (&stamp)[kStampSize]) {
@@ -42,18 +34,28 @@ void BuildStamp(char (&stamp)[kStampSize]) {
     snprintf(stamp + dateLen, sizeof(stamp) - dateLen, "%" PRId64, milliseconds);
 }
 
-void WriteRecordLine() {
+}  // namespace
+
+LogFiles& LogFiles::GetInstance() {
+    static LogFiles instance("/data/misc/radio/", kRotationSize);
+    return instance;
+}
+
+LogFiles::LogFiles(const char* directory, uint64_t rotationSize)
+    : output_dir(directory), mRotationSize(rotationSize) {}
+
+void LogFiles::WriteRecordLine() {
     char line[256];
     const int len = snprintf(line, sizeof(line), "%s\n", dev_file_path);
     const auto ret = static_cast<int>(write(fd_record, line, static_cast<size_t>(len)));
     if (ret < len) LIB_LOGE("PoolBuffer: record error, ret=%d", ret);
 }
 
-void OpenLogFile() {
+void LogFiles::OpenLogFile() {
     char stamp[kStampSize];
     BuildStamp(stamp);
-    snprintf(dev_file_path, sizeof(dev_file_path), "%s%s%s%s", output_dir, "diag_log_", stamp,
-             ".qmdl");
+    snprintf(dev_file_path, sizeof(dev_file_path), "%s%s%s%s", output_dir.c_str(), "diag_log_",
+             stamp, ".qmdl");
     umask(kUmask);
     fd_dev = open(dev_file_path, O_RDWR | O_CREAT | O_TRUNC | O_SYNC, kFileMode);
     if (fd_dev < 0) {
@@ -64,14 +66,14 @@ void OpenLogFile() {
     WriteRecordLine();
 }
 
-void CloseLogFile() {
+void LogFiles::CloseLogFile() {
     if (fd_dev >= 0) close(fd_dev);
     fd_dev = -1;
     dev_file_size = 0;
 }
 
 // Makes fd_dev the file to store in. Returns whether there is one.
-bool HaveLogFile() {
+bool LogFiles::HaveLogFile() {
     struct stat status = {};
     if (fd_dev >= 0) {
         errno = 0;
@@ -84,12 +86,11 @@ bool HaveLogFile() {
     return fstat(fd_dev, &status) == 0;
 }
 
-}  // namespace
-
-void OpenRecordFile() {
+void LogFiles::OpenRecordFile() {
     if (fd_record >= 0) return;
     umask(kUmask);
-    fd_record = open(kRecordFile, O_RDWR | O_CREAT | O_APPEND | O_SYNC, kFileMode);
+    fd_record =
+        open((output_dir + "record.txt").c_str(), O_RDWR | O_CREAT | O_APPEND | O_SYNC, kFileMode);
     if (fd_record < 0) LIB_LOGE("PoolBuffer: fd_record open file");
     struct stat status = {};
     const int32_t logEnable = gLogEnable;
@@ -102,7 +103,7 @@ void OpenRecordFile() {
     }
 }
 
-void StoreInLogFile(const char* data, int len) {
+void LogFiles::Store(const char* data, int len) {
     if (data == nullptr || len < 1) {
         LIB_LOGD("PoolBuffer: Invalid ptr in %s length is %d", "LogToDevice", len);
         return;
@@ -115,24 +116,16 @@ void StoreInLogFile(const char* data, int len) {
     }
     if (ret < len) LIB_LOGE("PoolBuffer: write error, ret=%d", ret);
     if (ret >= 1) dev_file_size += static_cast<uint64_t>(len);
-    if (dev_file_size >= kRotationSize) {
+    if (dev_file_size >= mRotationSize) {
         LIB_LOGD("PoolBuffer: finish write file=%s,size=%d", dev_file_path,
                  static_cast<int>(dev_file_size));
         CloseLogFile();
     }
 }
 
-void CloseLogFiles() {
+void LogFiles::Close() {
     CloseLogFile();
     LIB_LOGD("PoolBuffer: finish record");
     if (fd_record >= 0) close(fd_record);
     fd_record = -1;
-}
-
-const char* LogFilePath() {
-    return dev_file_path;
-}
-
-uint64_t LogFileSize() {
-    return dev_file_size;
 }

@@ -4,8 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "capture/log_files.h"
-#include "daemon/scheduling.h"
+#include "base/scheduling.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -18,7 +17,7 @@ constexpr auto kWakeupLimit = std::chrono::milliseconds(2);
 
 }  // namespace
 
-PoolBuffer::PoolBuffer() {
+PoolBuffer::PoolBuffer(LogFiles& logFiles) : mLogFiles(logFiles) {
     LIB_LOGD("PoolBuffer init start");
     for (int i = 0; i < kSlots; ++i) {
         mBuffer[i] = static_cast<char*>(malloc(kSlotSize));
@@ -107,7 +106,7 @@ void PoolBuffer::Join() {
 }
 
 void PoolBuffer::LogToDevice(const char* data, int len) {
-    StoreInLogFile(data, len);
+    mLogFiles.Store(data, len);
 }
 
 void* PoolBuffer::ThreadStart(void* pool) {
@@ -146,15 +145,15 @@ void PoolBuffer::StoreFullSlots() {
 
 void PoolBuffer::WriteThread() {
     WakeAtOnce();  // a store has several waits for the flash
-    OpenRecordFile();
+    mLogFiles.OpenRecordFile();
     StoreFullSlots();
     LIB_LOGD("PoolBuffer: thread stop");
     StoreSlot(mReadIndex);
-    LIB_LOGD("PoolBuffer: exit write file=%s,size=%d", LogFilePath(),
-             static_cast<int>(LogFileSize()));
+    LIB_LOGD("PoolBuffer: exit write file=%s,size=%d", mLogFiles.Path(),
+             static_cast<int>(mLogFiles.Size()));
     for (char*& slot : mBuffer) {
         free(slot);
         slot = nullptr;
     }
-    CloseLogFiles();
+    mLogFiles.Close();
 }

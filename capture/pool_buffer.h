@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "capture/log_files.h"
+
 // A ring of 50 slots of 16384 bytes between one producer, which fills a slot with Read, and the
 // pool's own writer thread, which stores full slots, one write each.
 //
@@ -20,7 +22,8 @@ class PoolBuffer {
     using Clock = std::chrono::steady_clock;
 
   public:
-    PoolBuffer();
+    // logFiles: where the writer thread stores; outlives the object.
+    explicit PoolBuffer(LogFiles& logFiles = LogFiles::GetInstance());
     PoolBuffer(const PoolBuffer&) = delete;
     PoolBuffer& operator=(const PoolBuffer&) = delete;
     virtual ~PoolBuffer();
@@ -39,7 +42,7 @@ class PoolBuffer {
     void Join();
 
     // Stores one slot. Writer thread.
-    static void LogToDevice(const char* data, int len);
+    void LogToDevice(const char* data, int len);
 
   private:
     static constexpr int kSlots = 50;
@@ -57,6 +60,7 @@ class PoolBuffer {
     bool IsReadToBeWoken() const;
     void StoreFullSlots();
 
+    LogFiles& mLogFiles;  // writer thread
     pthread_t mThread = {};
     bool mThreadRuns = false;      // to be joined; producer's thread
     bool mHasSlots = false;        // set by the constructor

@@ -13,9 +13,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "daemon/link_monitor.h"
+#include "base/link_monitor.h"
+#include "base/set_blocking.h"
 #include "daemon/modem_port.h"
-#include "daemon/set_blocking.h"
 #include "platform/tagged_log.h"
 #include "relay/transfer_bidirectional.h"
 

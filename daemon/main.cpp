@@ -12,15 +12,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/log_switch.h"
+#include "base/scheduling.h"
 #include "daemon/ipc_connection.h"
-#include "daemon/log_switch.h"
 #include "daemon/property_watch.h"
-#include "daemon/scheduling.h"
 #include "platform/tagged_log.h"
 
 namespace {
-
-pthread_t gListenerThread;  // never joined
 
 void ignore_signal(int signal) {
     DAEMON_LOGI("Signal %d caught and ignored", signal);

@@ -5,9 +5,9 @@
 
 #include <cstring>
 
+#include "base/log_switch.h"
+#include "base/relay_wakeup.h"
 #include "buffer/bounded_write.h"
-#include "daemon/log_switch.h"
-#include "daemon/relay_wakeup.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -23,6 +23,8 @@ int32_t ReadSwitch(char (&value)[PROPERTY_VALUE_MAX]) {
 }
 
 }  // namespace
+
+pthread_t gListenerThread;
 
 void ReadLogSwitchAtStart() {
     char value[PROPERTY_VALUE_MAX];

@@ -1,6 +1,11 @@
 // The watcher that publishes the logging switch from its system property.
 #pragma once
 
+#include <pthread.h>
+
+// The watcher; main starts it, nobody joins it.
+extern pthread_t gListenerThread;
+
 // Sets gLogEnable from the property, once, before any other thread exists.
 void ReadLogSwitchAtStart();
 

@@ -20,6 +20,14 @@ inline constexpr bool IsMessage(int code) {
     return code == kCmdMessage || code == 0x92 || code == 0x98 || code == 0x99;
 }
 
+// Whether the modem sends packets of this code by itself, besides log packets: events and messages.
+inline constexpr bool IsReport(int code) {
+    return code == kCmdEvent || IsMessage(code);
+}
+
+// Equipment ids 0 to 13 have log masks; ids above are passed on but not kept.
+inline constexpr int kEquipmentIds = 14;
+
 // Operations of kCmdLogConfig, 32 bits at offset 4.
 inline constexpr uint32_t kLogConfigDisable = 0;
 inline constexpr uint32_t kLogConfigRanges = 1;

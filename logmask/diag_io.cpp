@@ -8,7 +8,6 @@
 #include <cstring>
 #include <thread>
 
-#include "diag/diag_commands.h"
 #include "logmask/log_mask.h"
 #include "platform/hex_trace.h"
 #include "platform/tagged_log.h"

@@ -19,8 +19,8 @@ constexpr char kDefaultName[] = "DIAG";
 constexpr char kMaskProperty[] = "persist.vendor.factory.logmask";
 constexpr int kPathSize = 500;
 
-void FormPath(char (&path)[kPathSize], const char* name) {
-    snprintf(path, sizeof(path), "%s/%s.cfg", kMaskDirectory, name);
+void FormPath(char (&path)[kPathSize], const char* directory, const char* name) {
+    snprintf(path, sizeof(path), "%s/%s.cfg", directory, name);
 }
 
 // ASCII only, whatever the locale.
@@ -31,25 +31,25 @@ void LowerCase(char* text) {
 }
 
 // Chooses the log-mask file by the property; the default when that names none that exists.
-void ChooseMaskFile(char (&path)[kPathSize]) {
+void ChooseMaskFile(char (&path)[kPathSize], const char* directory) {
     char name[kPathSize] = {};
     if (property_get(kMaskProperty, name, "") < 1) {
         LIB_LOGE("DiagMask, failed to read property ,and load default file,%s.cfg", kDefaultName);
-        FormPath(path, kDefaultName);
+        FormPath(path, directory, kDefaultName);
         return;
     }
     if (strlen(name) < 1) {
         LIB_LOGE("DiagMask, the length of property lower than 0, and load default file, %s.cfg",
                  kDefaultName);
-        FormPath(path, kDefaultName);
+        FormPath(path, directory, kDefaultName);
         return;
     }
     LowerCase(name);
-    FormPath(path, name);
+    FormPath(path, directory, name);
     // A name is a file in the directory, never a way out of it.
     if (strchr(name, '/') != nullptr || access(path, F_OK) != 0) {
-        LIB_LOGE("DiagMask, can't find log mask:%s in path:%s", path, kMaskDirectory);
-        FormPath(path, kDefaultName);
+        LIB_LOGE("DiagMask, can't find log mask:%s in path:%s", path, directory);
+        FormPath(path, directory, kDefaultName);
     }
 }
 
@@ -68,13 +68,13 @@ struct FileCloser {
 }  // namespace
 
 LogMask* LogMask::GetInstance() {
-    static LogMask* const sInstance = new LogMask;
+    static LogMask* const sInstance = new LogMask(kMaskDirectory);
     return sInstance;
 }
 
 int LogMask::DiagMask(int& fd, int readReplies) {
     char path[kPathSize];
-    ChooseMaskFile(path);
+    ChooseMaskFile(path, mMaskDirectory.c_str());
     LIB_LOGD("DiagMask, log mask file = %s", path);
     DiagMaskRead(fd, path, readReplies);
     return 1;

@@ -4,21 +4,26 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <string>
 
+#include "diag/diag_commands.h"
 #include "diag/hdlc.h"
-
-// Equipment ids 0 to 13 have log masks; ids above are passed on but not kept.
-inline constexpr int kEquipmentIds = 14;
 
 // The one object that programs the modem's logging, and keeps what capture needs of it: the
 // set-log-mask commands of the files loaded, whether there was any, and the modem's last time-stamp
-// reply. Lives as long as the process. Relay thread only, but for IsLogPacketEnable (any thread).
+// reply. The daemon's lives as long as the process. Relay thread only, but for IsLogPacketEnable
+// (any thread).
 //
 // Every send and read goes to the descriptor recorded last, which the caller owns. On a descriptor
 // in blocking mode the waits are bounded in sum by StartWaitBudget.
 class LogMask {
   public:
     static LogMask* GetInstance();
+
+    // directory: where the log-mask files are.
+    explicit LogMask(const char* directory) : mMaskDirectory(directory) {}
+    LogMask(const LogMask&) = delete;
+    LogMask& operator=(const LogMask&) = delete;
 
     // Records the connection's modem port, or -1 when it has none.
     void SetDiagFd(int fd) {
@@ -66,6 +71,8 @@ class LogMask {
 
     // Whether a set-log-mask command was ever loaded.
     bool IsLogPacketEnable() const { return mLogPacketEnable; }
+    // The same as a flag to look at, which lives as long as the process.
+    const std::atomic<bool>& LogPacketEnable() const { return mLogPacketEnable; }
 
     // Copies the last time-stamp reply, as read, into out: all of it when it fits into room bytes,
     // otherwise as many of its whole frames as fit. Returns the bytes copied, 0 when there is none.
@@ -80,8 +87,6 @@ class LogMask {
     static int RemoveEscape(char* buffer, int len) { return HdlcUnescape(buffer, len); }
 
   private:
-    LogMask() = default;
-
     void SendMaskFrame(const char* frame, int len, int readReplies);
     int WriteWithinBudget(const char* data, int len);
     int SendFrame(const char* data, int len);
@@ -89,6 +94,7 @@ class LogMask {
     bool WaitFor(short events);
     void Rest(std::chrono::nanoseconds pause);
 
+    const std::string mMaskDirectory;
     char mMaskFile[501] = {};  // path last given to DiagMaskRead
     char mSetLogMaskCmd[kEquipmentIds][kDiagAreaSize] = {};
     int32_t mSetLogMaskCmdLen[kEquipmentIds] = {};  // bytes; 0: none

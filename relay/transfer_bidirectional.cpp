@@ -10,36 +10,21 @@
 #include <cstring>
 #include <memory>
 
-#include "buffer/circular_buffer_ext.h"
-#include "daemon/link_monitor.h"
-#include "daemon/log_switch.h"
-#include "daemon/relay_wakeup.h"
-#include "daemon/set_blocking.h"
+#include "base/link_monitor.h"
+#include "base/log_switch.h"
+#include "base/relay_wakeup.h"
+#include "base/set_blocking.h"
 #include "diag/hdlc.h"
-#include "logmask/log_mask.h"
 #include "platform/tagged_log.h"
 #include "relay/tool_watch.h"
 #include "relay/transfer_buffer.h"
 
-// Set before main runs, so that everything finds it.
-LogMask* const gLogMaskInstance = LogMask::GetInstance();
+LogMask* gLogMaskInstance = LogMask::GetInstance();
 
 namespace {
 
 constexpr useconds_t kStartPauseUs = 4000;
 constexpr useconds_t kReconfigurePauseUs = 20000;
-constexpr std::chrono::milliseconds kFrameEndLimit(20);
-
-// How long a modem that takes nothing is waited for when the tool has gone, and as long as it has
-// not.
-constexpr std::chrono::milliseconds kRefusalLimit(700);
-constexpr std::chrono::seconds kToolLimit(60);
-
-// How long, in sum, a modem that takes or answers nothing holds a connection's start and its end.
-constexpr std::chrono::milliseconds kStartWaitBudget(2000);
-constexpr std::chrono::milliseconds kEndWaitBudget(1000);
-constexpr std::chrono::milliseconds kNoWait(0);  // for one that has just taken nothing for long
-
 // Whether the last byte that the last connection sent to the modem was a 0x7E, or there was none.
 bool gModemEndsOnFrame = true;
 
@@ -51,9 +36,9 @@ void EndFrameAtModem() {
 
 // Brings the modem's logging in line with the switch at the start of a connection. Returns the
 // switch as acted on.
-int32_t AlignModemLogging(int& bpFd) {
+int32_t AlignModemLogging(int& bpFd, const Limits& limits) {
     gLogMaskInstance->SetDiagFd(bpFd);
-    gLogMaskInstance->StartWaitBudget(kStartWaitBudget);
+    gLogMaskInstance->StartWaitBudget(limits.startBudget);
     const int32_t logEnable = gLogEnable;
     if (logEnable == 0 && gLogEnablePrev == 0) return logEnable;
     if (logEnable == 0) {
@@ -78,15 +63,17 @@ int32_t AlignModemLogging(int& bpFd) {
 class Connection {
   public:
     // logEnable: the logging switch as last acted on.
-    Connection(int apFd, int bpFd, int netlinkFd, unsigned long bufferSize, int32_t logEnable)
+    Connection(int apFd, int bpFd, int netlinkFd, unsigned long bufferSize, int32_t logEnable,
+               const Surroundings& surroundings)
         : mApFd(apFd),
           mBpFd(bpFd),
           mLastLogEnable(logEnable),
           mNetlinkFd(netlinkFd),
+          mLimits(surroundings.limits),
           mToModemStorage(new char[bufferSize]),
           mToToolStorage(new char[bufferSize]),
-          mToModem(mToModemStorage.get(), bufferSize, "AP --> BP", mApFd, mBpFd),
-          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd) {
+          mToModem(mToModemStorage.get(), bufferSize, "AP --> BP", mApFd, mBpFd, surroundings),
+          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd, surroundings) {
         mToModem.SetEndsOnFrame(gModemEndsOnFrame);
         if (gLogMaskInstance->IsWithinFrame()) mToModem.PutFrameEndFirst();
     }
@@ -107,6 +94,7 @@ class Connection {
     int mBpFd;  // modem port, likewise
     int32_t mLastLogEnable;
     const int mNetlinkFd;
+    const Limits mLimits;
     const std::unique_ptr<char[]> mToModemStorage;
     const std::unique_ptr<char[]> mToToolStorage;
     CircularBufferExt mToModem;
@@ -156,7 +144,7 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
 
 // Gives the tool a moment to complete a frame that the modem has begun to get; then ends it.
 void Connection::EndToolFrame() {
-    const auto deadline = std::chrono::steady_clock::now() + kFrameEndLimit;
+    const auto deadline = std::chrono::steady_clock::now() + mLimits.frameEnd;
     while (!mToModem.WriteWholeFrames(mBpFd, deadline)) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
@@ -219,11 +207,11 @@ bool Connection::IsToolGivenUp() {
     if (!isRefused) return false;
     // While capture is on, that ends the connection by itself.
     if (gLogEnable != 0 && HasBufferFailed()) return false;
-    if (!IsOverAt(since + kRefusalLimit)) return false;
+    if (!IsOverAt(since + mLimits.refusal)) return false;
     if (!mToolWatch.HasEnded()) {
         if (!mToModem.IsFull()) return false;
         mToolWatch.MakeRoom();
-        if (!IsOverAt(since + kToolLimit)) return false;
+        if (!IsOverAt(since + mLimits.tool)) return false;
     }
     LIB_LOGE("the modem takes nothing, and fd %d %s", mApFd,
              mToolWatch.HasEnded() ? "was closed by the remote end" : "has waited long enough");
@@ -255,7 +243,8 @@ int Connection::TearDown() {
         const bool takesBytes = mToModem.Flush(mBpFd) != -EAGAIN;
         gModemEndsOnFrame = mToModem.EndsOnFrame();
         if (gLogEnable != 0) {
-            gLogMaskInstance->StartWaitBudget(takesBytes ? kEndWaitBudget : kNoWait);
+            gLogMaskInstance->StartWaitBudget(takesBytes ? mLimits.endBudget
+                                                         : std::chrono::milliseconds(0));
             if (!gModemEndsOnFrame) EndFrameAtModem();
             gLogMaskInstance->DisableLog(1);
             gModemEndsOnFrame = !gLogMaskInstance->IsWithinFrame();
@@ -280,9 +269,10 @@ int Connection::TearDown() {
 
 int transfer_bidirectional_and_close(int ap_fd, int bp_fd, int netlink_fd,
                                      unsigned long buffer_size, const timeval* timeout,
-                                     void (*timeout_callback)(void*), void* callback_arg) {
-    const int32_t logEnable = AlignModemLogging(bp_fd);
-    Connection connection(ap_fd, bp_fd, netlink_fd, buffer_size, logEnable);
+                                     void (*timeout_callback)(void*), void* callback_arg,
+                                     const Surroundings& surroundings) {
+    const int32_t logEnable = AlignModemLogging(bp_fd, surroundings.limits);
+    Connection connection(ap_fd, bp_fd, netlink_fd, buffer_size, logEnable, surroundings);
     usleep(kStartPauseUs);
     connection.Relay(timeout, timeout_callback, callback_arg);
     return connection.TearDown();

@@ -3,6 +3,12 @@
 
 #include <sys/time.h>
 
+#include "buffer/circular_buffer_ext.h"
+#include "logmask/log_mask.h"
+
+// The one LogMask, set before main runs so that everything finds it.
+extern LogMask* gLogMaskInstance;
+
 // Relays between the tool's socket ap_fd and the modem port bp_fd (each non-blocking, or -1) until
 // either side ends, an error, or netlink_fd (or -1) reports the USB link removed; then flushes both
 // directions and closes both descriptors, which it owns. buffer_size: bytes per direction.
@@ -11,4 +17,5 @@
 // was no tool. Main thread only.
 int transfer_bidirectional_and_close(int ap_fd, int bp_fd, int netlink_fd,
                                      unsigned long buffer_size, const timeval* timeout,
-                                     void (*timeout_callback)(void*), void* callback_arg);
+                                     void (*timeout_callback)(void*), void* callback_arg,
+                                     const Surroundings& surroundings = {});

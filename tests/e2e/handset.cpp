@@ -1,14 +1,11 @@
-#include "handset.h"
+#include "tests/e2e/handset.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,82 +15,35 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <utility>
+
+#include "tools/common/tool_error.h"
 
 namespace e2e {
 
-namespace {
-
 namespace fs = std::filesystem;
-using testing::AssertionFailure;
-using testing::AssertionSuccess;
+
+namespace {
 
 constexpr char kPropertyDirectory[] = "/data/property/";
 
-bool WaitFor(int fd, short events, Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-    pollfd entry = {fd, events, 0};
-    return poll(&entry, 1, static_cast<int>(std::max<int64_t>(left, 0))) > 0;
-}
-
-// A socket stays in the network that its thread was in when it was made.
-int NewPcSocket() {
-    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int pc = open("/run/netns/pc", O_RDONLY | O_CLOEXEC);
-    if (setns(pc, CLONE_NEWNET) != 0) ADD_FAILURE() << "no PC here: " << strerror(errno);
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (setns(home, CLONE_NEWNET) != 0) abort();
-    close(pc);
-    close(home);
-    return fd;
+// Sends the next piece by way of write(bytes, count), which returns how many were taken.
+template <typename Write>
+void SendSome(Side& side, Write write) {
+    const size_t at = side.sent % side.out.size();
+    const auto count = std::min<uint64_t>(side.out.size() - at, side.end - side.sent);
+    side.sent += write(side.out.data() + at, std::min<size_t>(count, 1 << 16));
 }
 
 }  // namespace
-
-std::string Pattern(size_t count, unsigned seed) {
-    std::minstd_rand random(seed);
-    std::string bytes(count, '\0');
-    for (char& byte : bytes) {
-        do {
-            byte = static_cast<char>(random() >> 8);
-        } while (byte == '\x4B');
-    }
-    return bytes;
-}
-
-AssertionResult Same(const std::string& expected, const std::string& actual) {
-    if (expected == actual) return AssertionSuccess();
-    const auto shorter = static_cast<ptrdiff_t>(std::min(expected.size(), actual.size()));
-    const auto at = std::mismatch(expected.begin(), expected.begin() + shorter, actual.begin());
-    return AssertionFailure() << actual.size() << " bytes instead of " << expected.size()
-                              << ", the same up to byte " << at.first - expected.begin();
-}
-
-bool WaitUntil(const std::function<bool()>& condition) {
-    const auto deadline = Clock::now() + kLimit;
-    while (!condition()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(milliseconds(3));  // between looks: /proc announces nothing
-    }
-    return true;
-}
 
 void SetLink(bool isUp) {
     if (system(isUp ? "ip link set usb0 up" : "ip link set usb0 down") != 0) ADD_FAILURE();
 }
 
-bool LinkEventsArrive() {
-    std::ifstream map("/proc/self/uid_map");
-    unsigned inside = 1;
-    unsigned outside = 1;
-    map >> inside >> outside;
-    return inside == 0 && outside == 0;
-}
-
 void SetProperty(const std::string& name, const std::string& value) {
     const std::string path = kPropertyDirectory + name;
-    std::ofstream(path + ".new") << value;
+    Store(path + ".new", value);
     fs::rename(path + ".new", path);
 }
 
@@ -122,101 +72,113 @@ std::string Captured() {
     return bytes;
 }
 
-size_t Stream::SendSome(const char* bytes, size_t count) {
-    ssize_t sent = send(mFd, bytes, count, MSG_NOSIGNAL);
-    if (sent < 0 && errno == ENOTSOCK) sent = write(mFd, bytes, count);
-    return sent > 0 ? static_cast<size_t>(sent) : 0;
+std::string WithoutOwnRequests(std::string atModem) {
+    for (const std::string& own : {kFileMask, kDisableRequests}) {
+        for (size_t at = atModem.find(own); at != std::string::npos; at = atModem.find(own, at))
+            atModem.erase(at, own.size());
+    }
+    return atModem;
 }
 
-bool Stream::Send(const std::string& bytes) {
-    const auto deadline = Clock::now() + kLimit;
-    size_t sent = 0;
-    while (sent < bytes.size() && Clock::now() < deadline && WaitFor(mFd, POLLOUT, deadline))
-        sent += SendSome(bytes.data() + sent, bytes.size() - sent);
-    return sent == bytes.size();
+void Side::Send(const std::string& bytes) {
+    out = (HasMore() ? out.substr(sent) : "") + bytes;
+    sent = 0;
+    end = out.size();
 }
 
-std::string Stream::ReceiveExactly(size_t count, milliseconds limit) {
+void Side::Flood(const std::string& bytes) {
+    out = bytes;
+    sent = 0;
+    end = UINT64_MAX;
+}
+
+size_t Side::StopFlood() {
+    const uint64_t count = (sent + out.size() - 1) / out.size();
+    end = count * out.size();
+    return count;
+}
+
+Handset::Handset() {
+    answer = [this](const std::string&) {
+        return isServing || isMute ? "" : Framed("\x0C answer");
+    };
+    MakeLine();
+    for (const std::string& directory : {kMaskDirectory, kCaptureDirectory}) {
+        fs::remove_all(directory);
+        fs::create_directories(directory);
+    }
+    Store(kMaskDirectory + "DIAG.cfg", kFileMask);
+}
+
+Handset::~Handset() {
+    StopDaemon();
+    SetLink(true);
+    for (const auto& entry : fs::directory_iterator(kPropertyDirectory))
+        fs::remove(entry.path());
+}
+
+void Handset::Until(const std::string& what, const std::function<bool()>& condition,
+                    milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    std::string all;
-    char chunk[65536];
-    while (all.size() < count && WaitFor(mFd, POLLIN, deadline)) {
-        const ssize_t got = read(mFd, chunk, std::min(sizeof(chunk), count - all.size()));
-        if (got <= 0) break;
-        all.append(chunk, static_cast<size_t>(got));
-    }
-    return all;
-}
-
-bool Stream::WaitForClose() {
-    char byte;
-    return WaitFor(mFd, POLLIN, Clock::now() + kLimit) && read(mFd, &byte, 1) <= 0;
-}
-
-Modem::Modem() {
-    constexpr int kFlags = O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
-    char name[64] = "";
-    mFd = posix_openpt(kFlags);
-    grantpt(mFd);
-    unlockpt(mFd);
-    ptsname_r(mFd, name, sizeof(name));
-    mPortName = name;
-    mPortFd = open(name, kFlags);
-    termios line = {};
-    tcgetattr(mPortFd, &line);
-    cfmakeraw(&line);
-    if (tcsetattr(mPortFd, TCSANOW, &line) != 0) ADD_FAILURE() << "no pty: " << strerror(errno);
-    Appear();
-}
-
-void Modem::Appear() {
-    if (symlink(mPortName.c_str(), kModemPort) != 0) ADD_FAILURE() << strerror(errno);
-}
-
-void Modem::FillLine() {
-    // The kernel moves bytes on towards the reader, so a full line may have room a moment later.
-    while (WaitFor(mPortFd, POLLOUT, Clock::now() + milliseconds(100))) {
-        while (write(mPortFd, "f", 1) == 1) {
+    const auto wanted = [](const Side& side) {
+        return static_cast<short>((side.takes ? POLLIN : 0) | (side.HasMore() ? POLLOUT : 0));
+    };
+    while (!condition()) {
+        if (Clock::now() >= deadline) throw ToolError("not in time: " + what + '\n' + Log());
+        pollfd ends[] = {{mLine ? mLine->fd() : -1, wanted(modem), 0},
+                         {mTool ? mTool->fd() : -1, wanted(tool), 0}};
+        poll(ends, 2, 3);  // and another look: /proc and files announce nothing
+        if ((ends[0].revents & POLLOUT) != 0) {
+            SendSome(modem, [&](const char* at, size_t n) { return mLine->Write({at, n}); });
         }
+        if ((ends[1].revents & POLLOUT) != 0) {
+            SendSome(tool, [&](const char* at, size_t n) {
+                return std::max<ssize_t>(send(mTool->fd(), at, n, MSG_NOSIGNAL), 0);
+            });
+        }
+        if ((ends[0].revents & POLLIN) != 0) TakeFromModem();
+        if ((ends[1].revents & POLLIN) != 0) TakeFromTool();
     }
 }
 
-int Tool::Connect() {
-    Close();
-    mFd = NewPcSocket();
-    if (mBuffer != 0) {
-        setsockopt(mFd, SOL_SOCKET, SO_RCVBUF, &mBuffer, sizeof(mBuffer));
-        setsockopt(mFd, SOL_SOCKET, SO_SNDBUF, &mBuffer, sizeof(mBuffer));
+void Handset::TakeFromModem() {
+    PtyLine::Input input;
+    if (!mLine->Read(&input)) return;
+    modem.in += input.data;
+    for (const char byte : input.data) {
+        mFrame += byte;
+        if (byte != '\x7E') continue;
+        isServing |= mFrame.rfind(kToolMask) != std::string::npos;
+        const std::string bytes = answer(std::exchange(mFrame, ""));
+        if (!bytes.empty()) modem.Send(bytes);
     }
-    sockaddr_in target = {AF_INET, htons(11008), {inet_addr("192.168.42.129")}, {}};
-    if (connect(mFd, reinterpret_cast<sockaddr*>(&target), sizeof(target)) == 0) return 0;
-    if (errno != EINPROGRESS) return errno;
-    if (!WaitFor(mFd, POLLOUT, Clock::now() + kLimit)) return ETIMEDOUT;
-    int error = 0;
-    socklen_t len = sizeof(error);
-    getsockopt(mFd, SOL_SOCKET, SO_ERROR, &error, &len);
-    return error;
 }
 
-void Daemon::Start() {
+void Handset::TakeFromTool() {
+    char chunk[1 << 16];
+    const ssize_t got = read(mTool->fd(), chunk, sizeof(chunk));
+    if (got > 0) tool.in.append(chunk, static_cast<size_t>(got));
+    if (got == 0 || (got < 0 && errno != EAGAIN)) mTool.reset();
+}
+
+AssertionResult Handset::Gets(Side& side, const std::string& expected) {
+    Until("bytes", [&] { return side.in.size() >= expected.size(); });
+    return Same(expected, std::exchange(side.in, ""));
+}
+
+void Handset::StartDaemon() {
     static int runs = 0;
     mLogPath = "/data/quillod-" + std::to_string(++runs) + ".log";
     mLog.clear();
-    mBehindMatch = 0;
     setenv("QUILLOD_LOG_FILE", mLogPath.c_str(), 1);
-    // The daemon has no standard error to complain on. The last setting of an option counts.
-    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
-        const char* options = getenv(name);
-        const std::string report = ":log_path=" + mLogPath + ".report";
-        setenv(name, ((options != nullptr ? options : "") + report).c_str(), 1);
-    }
     const char* path = getenv("QUILLOD_BIN");
     ASSERT_NE(nullptr, path) << "QUILLOD_BIN does not name the daemon";
     char* const arguments[] = {const_cast<char*>(path), nullptr};
     ASSERT_EQ(0, posix_spawn(&mPid, path, nullptr, nullptr, arguments, environ)) << path;
+    UntilListening();
 }
 
-void Daemon::Stop() {
+void Handset::StopDaemon() {
     if (mPid == -1) return;
     int status = 0;
     if (waitpid(mPid, &status, WNOHANG) == 0) {
@@ -226,62 +188,98 @@ void Daemon::Stop() {
         ADD_FAILURE() << "the daemon ended by itself, wait status " << status << '\n' << Log();
     }
     mPid = -1;
-    for (const auto& entry : fs::directory_iterator("/data")) {
-        const bool isReport = entry.path().string().find(mLogPath + ".report") == 0;
-        if (isReport) ADD_FAILURE() << Contents(entry.path());
-    }
+    EXPECT_EQ(std::string::npos, Log().find("Data number is not equal"));
 }
 
-const std::string& Daemon::Log() {
+bool Handset::IsListening() const {
+    return Contents("/proc/net/tcp").find(":2B00 00000000:0000 0A") != std::string::npos;
+}
+
+const std::string& Handset::Log() {
     std::ifstream file(mLogPath);
     file.seekg(static_cast<std::streamoff>(mLog.size()));
     mLog.append(std::istreambuf_iterator<char>(file), {});
     return mLog;
 }
 
-bool Daemon::TakeFromLog(const std::string& text) {
-    const size_t at = Log().find(text, mBehindMatch);
-    if (at != std::string::npos) mBehindMatch = at + text.size();
-    return at != std::string::npos;
+void Handset::UntilLogged(const std::string& text, size_t from) {
+    Until(text, [&] { return Log().find(text, from) != std::string::npos; });
 }
 
-AssertionResult Daemon::WaitForLog(const std::string& text) {
-    if (WaitUntil([&] { return TakeFromLog(text); })) return AssertionSuccess();
-    return AssertionFailure() << "no \"" << text << "\" in the log, which ends:\n"
-                              << mLog.substr(mLog.size() - std::min<size_t>(mLog.size(), 3000));
+void Handset::UntilStalled() {
+    UntilLogged("write error, try again", Log().size());
 }
 
-int Daemon::LogCount(const std::string& text) {
-    int count = 0;
-    for (size_t at = Log().find(text); at != std::string::npos; at = mLog.find(text, at + 1))
-        ++count;
-    return count;
+void Handset::Switch(bool isOn) {
+    if (std::exchange(captures, isOn) == isOn) return;
+    const size_t from = Log().size();
+    SetProperty(kLogSwitch, isOn ? "true" : "false");
+    if (mPid != -1) UntilLogged("prop change", from);
 }
 
-HandsetTest::HandsetTest() {
-    for (const std::string& directory : {kMaskDirectory, kCaptureDirectory}) {
-        fs::remove_all(directory);
-        fs::create_directories(directory);
+DiagClient Handset::Dial(const char* host, milliseconds limit) {
+    const UniqueFd home(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    const UniqueFd pc(open("/run/netns/pc", O_RDONLY | O_CLOEXEC));
+    struct Return {
+        ~Return() { setns(fd, CLONE_NEWNET); }
+        int fd;
+    } const homeAgain{home.get()};
+    if (strncmp(host, "127.", 4) != 0) setns(pc.get(), CLONE_NEWNET);
+    return DiagClient(host, kDaemonPort, limit);
+}
+
+void Handset::Connect() {
+    tool = Side();
+    isServing = false;
+    mTool.emplace(Dial(kHandset, kLimit));
+    Until("accepted", [this] { return !IsListening(); });
+}
+
+void Handset::Attach() {
+    Connect();
+    tool.Send(kToolMask);
+    Until("served", [this] { return isServing; });
+    begun = std::exchange(modem.in, "");
+    begun.erase(begun.find(kToolMask));
+}
+
+AssertionResult Handset::Exchange() {
+    const std::string request = Framed("\x0C request");
+    tool.Send(request);
+    modem.Send("the answer");
+    const auto there = Gets(modem, request);
+    return there ? Gets(tool, "the answer") : there;
+}
+
+void Handset::Finish() {
+    isServing = false;
+    shutdown(mTool->fd(), SHUT_WR);
+    Until(
+        "the connection's end", [this] { return !mTool; }, kEndBound);
+}
+
+void Handset::UntilListening(Clock::time_point since, milliseconds bound) {
+    Until("listening", [this] { return IsListening(); });
+    const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - since);
+    slowest = std::max(slowest, took);
+    EXPECT_LE(took, bound) << Log();
+}
+
+void Handset::MakeLine() {
+    mLine.reset();
+    mLine.emplace(kModemPort);
+    modem = Side();
+    isMute = false;
+    mFrame.clear();
+}
+
+void Handset::FillLine() {
+    const UniqueFd port(open(kModemPort, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    // The kernel moves bytes on towards the reader, so a full line may have room a moment later.
+    for (pollfd room = {port.get(), POLLOUT, 0}; poll(&room, 1, 100) > 0;) {
+        while (write(port.get(), "f", 1) == 1) {
+        }
     }
-}
-
-HandsetTest::~HandsetTest() {
-    daemon.Stop();
-    SetLink(true);
-    for (const auto& entry : fs::directory_iterator(kPropertyDirectory))
-        fs::remove(entry.path());
-}
-
-AssertionResult HandsetTest::Attach(Tool& tool) {
-    const int error = tool.Connect();
-    if (error != 0) return AssertionFailure() << "not connected: " << strerror(error);
-    return daemon.WaitForLog(kRelayStarts);
-}
-
-AssertionResult HandsetTest::Serve(Tool& tool) {
-    daemon.Start();
-    const AssertionResult listens = daemon.WaitForLog(kListens);
-    return listens ? Attach(tool) : listens;
 }
 
 }  // namespace e2e

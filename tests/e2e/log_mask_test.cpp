@@ -1,224 +1,126 @@
-// Log masks at the modem: which requests arrive, when, and what happens when nobody answers.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <numeric>
-#include <optional>
+// The daemon's own requests to the modem: which, when, and whole among the tool's.
 #include <string>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
-#include "handset.h"
-#include "tools/common/frame_text.h"
+#include "tests/e2e/handset.h"
 
 namespace e2e {
 namespace {
 
-const std::string kToolRequest = Frame("\x0C tool");
-const std::string kFirst = Frame("\x0C first");
-const std::string kSecond = Frame("\x0C second");
+using LogMasks = HandsetTest;
 
-std::string AnswerAll(const std::string&) {
-    return Frame("\x0C answer");
-}
-
-class LogMasks : public HandsetTest {
-  protected:
-    // Serves a tool whose connection begins with these requests to the modem.
-    void ExpectStart(AnsweringModem& answering, const std::string& requests) {
-        ASSERT_TRUE(Serve(tool));
-        ExpectRelays(answering, requests);
+TEST_F(LogMasks, AreThoseOfTheFileThatThePropertyNames) {
+    static constexpr struct {
+        const char* property;
+        bool isLte;
+    } kRows[] = {
+        {nullptr, false}, {"", false}, {"LTE", true}, {"gsm", false}, {"../cfg/lte", false}};
+    const std::string lte = Framed("\x0C lte");
+    Store(kMaskDirectory + "lte.cfg", lte);
+    for (const char* decoy : {"LTE.cfg", "diag.cfg", ".cfg"})
+        Store(kMaskDirectory + decoy, Framed("\x0C decoy"));
+    for (const auto& row : kRows) {
+        if (row.property != nullptr) SetProperty(kMaskProperty, row.property);
+        Start(true);
+        EXPECT_TRUE(Same(row.isLte ? lte : kFileMask, begun)) << row.property;
+        EXPECT_TRUE(Exchange()) << "replies relayed";
+        StopDaemon();
     }
-
-    // The tool's request arrives behind everything else, and its answer is all that the tool gets.
-    void ExpectRelays(AnsweringModem& answering, const std::string& before) {
-        ASSERT_TRUE(tool.Send(kToolRequest));
-        EXPECT_TRUE(answering.TakeReceived(before + kToolRequest));
-        EXPECT_TRUE(Same(AnswerAll(""), tool.ReceiveExactly(AnswerAll("").size())));
-    }
-};
-
-struct FileCase {
-    const char* name;
-    std::vector<std::pair<std::string, std::string>> files;
-    std::string arrives;
-    std::optional<std::string> property = std::nullopt;
-    std::string logged = {};
-};
-
-class MaskFile : public LogMasks, public testing::WithParamInterface<FileCase> {};
-
-TEST_P(MaskFile, ArrivesAsFarAsItIsWhole) {
-    const FileCase& row = GetParam();
-    for (const auto& [name, bytes] : row.files)
-        Store(kMaskDirectory + name, bytes);
-    if (row.property) SetProperty(kMaskProperty, *row.property);
-    Switch(true);
-    AnsweringModem answering(modem, AnswerAll);
-    ExpectStart(answering, row.arrives);
-    EXPECT_NE(std::string::npos, daemon.Log().find(row.logged)) << daemon.Log();
-}
-
-FileCase Default(const char* name, const std::string& bytes, const std::string& arrives,
-                 const std::string& logged = "") {
-    return {name, {{"DIAG.cfg", bytes}}, arrives, std::nullopt, logged};
-}
-
-const std::string kLoneFlags = "\x7E" + kFirst + "\x7E\x7E" + kSecond;
-const std::string kUnknownId = SetMask(14, "\xFF") + kSecond;
-const std::string kTooShort = Bytes("\x73\0\0\0\3\x7E") + kSecond;
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, MaskFile,
-    testing::Values(
-        FileCase{"Unset", {{"DIAG.cfg", kFirst}, {"diag.cfg", kSecond}, {".cfg", ""}}, kFirst},
-        FileCase{"Empty", {{"DIAG.cfg", kFirst}, {".cfg", kSecond}}, kFirst, ""},
-        FileCase{"UpperCase", {{"LTE.cfg", kFirst}, {"lte.cfg", kSecond}}, kSecond, "LTE"},
-        FileCase{"Missing", {{"DIAG.cfg", kFirst}, {"gsm.cfg", kSecond}}, kFirst, "lte"},
-        FileCase{"Path", {{"DIAG.cfg", kFirst}, {"lte.cfg", kSecond}}, kFirst, "../cfg/lte"},
-        Default("NoClosingFlag", kFirst + kSecond.substr(0, kSecond.size() - 1), kFirst),
-        Default("LoneFlags", kLoneFlags, kLoneFlags),
-        Default("UnknownEquipment", kUnknownId, kUnknownId, "LogPacketslabel, invalid parameters"),
-        Default("TooShort", kTooShort, kTooShort, "don't contain any log configurations"),
-        Default("Endless", kFirst + std::string(16384, 'x') + "\x7E" + kSecond, kFirst)),
-    NameOf<FileCase>);
-
-TEST_F(LogMasks, FollowTheSwitchInASilentConnection) {
-    Store(kMaskDirectory + "DIAG.cfg", kFirst + SetMask(1, "\x01"));
-    AnsweringModem silent(modem, [](const std::string&) { return ""; });
-    ASSERT_TRUE(Serve(tool));
-    ASSERT_TRUE(SwitchAndWait(true));
-    EXPECT_TRUE(silent.TakeReceived(kFirst + SetMask(1, "\x01")));
-    ASSERT_TRUE(SwitchAndWait(false));
-    ASSERT_TRUE(tool.Send(kToolRequest));
-    EXPECT_TRUE(silent.TakeReceived(kDisableRequests + kToolRequest));
-    EXPECT_EQ(1, daemon.LogCount("end, and status:1"));
-    EXPECT_EQ("", tool.ReceiveAvailable());
 }
 
 TEST_F(LogMasks, AreDisabledAtTheEndAndOnceMoreWhenSwitchedOffBetween) {
-    Store(kMaskDirectory + "DIAG.cfg", kFirst);
-    Switch(true);
-    AnsweringModem answering(modem, AnswerAll);
-    ExpectStart(answering, kFirst);
-    ASSERT_TRUE(Finish(tool));
-    EXPECT_TRUE(answering.TakeReceived(kDisableRequests));
-
+    Start(true);
+    Finish();
+    EXPECT_TRUE(Gets(modem, kDisableRequests));
     Switch(false);
-    ASSERT_TRUE(daemon.WaitForLog("prop change false =0"));
-    ASSERT_TRUE(Attach(tool));
-    ExpectRelays(answering, kDisableRequests);
-    ASSERT_TRUE(Finish(tool));
-    ASSERT_TRUE(Attach(tool));
-    ExpectRelays(answering, "");
-    EXPECT_EQ(1, daemon.LogCount("D libquillod: gLogEnablePrev:1, force disable log again"));
+    for (const std::string& expected : {kDisableRequests, std::string()}) {
+        AttachAgain();
+        EXPECT_TRUE(Same(expected, begun));
+        EXPECT_TRUE(Exchange()) << "replies relayed";
+        Finish();
+        EXPECT_EQ("", modem.in);
+    }
 }
 
-// Whether the switch is on, and whether the connection ends; otherwise the switch moves.
-class HalfFrame : public LogMasks, public testing::WithParamInterface<std::tuple<bool, bool>> {};
-
-TEST_P(HalfFrame, IsEndedBeforeTheDaemonsRequests) {
-    const auto [isOn, ends] = GetParam();
-    const std::string half = kToolRequest.substr(0, 3);
-    Store(kMaskDirectory + "DIAG.cfg", kFirst);
-    Switch(isOn);
-    AnsweringModem answering(modem, AnswerAll);
-    ExpectStart(answering, isOn ? kFirst : "");
-    ASSERT_TRUE(tool.Send(half));
-    ASSERT_TRUE(answering.TakeReceived(half));
-    if (ends) {
-        ASSERT_TRUE(Finish(tool));
-    } else {
-        ASSERT_TRUE(SwitchAndWait(!isOn));
-    }
-    if (ends && !isOn) {  // the next connection's requests come first
-        Switch(true);
-        ASSERT_TRUE(daemon.WaitForLog("prop change true =1"));
-        ASSERT_TRUE(Attach(tool));
-    }
-    EXPECT_TRUE(answering.TakeReceived("\x7E" + (isOn ? kDisableRequests : kFirst)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Situations, HalfFrame, testing::Combine(testing::Bool(), testing::Bool()));
-
-struct ModemCase {
-    const char* name;
-    bool takes;
-    bool sends;
-};
-
-class UnwillingModem : public LogMasks, public testing::WithParamInterface<ModemCase> {};
-
-TEST_P(UnwillingModem, HoldsNeitherStartNorEnd) {
-    const ModemCase& row = GetParam();
-    const std::string file = kFirst + kSecond + SetMask(1, "\x01");
-    const std::string report = Frame("\x79" + Pattern(900, 1));
-    Store(kMaskDirectory + "DIAG.cfg", file);
-    Switch(true);
-    std::atomic<bool> stops{false};
-    std::thread sender([&] {
-        while (row.sends && !stops)
-            modem.SendSome(report.data(), report.size());
-    });
-    std::optional<AnsweringModem> taker;
-    if (row.takes) {
-        taker.emplace(modem, [](const std::string&) { return ""; });
-    } else {
-        modem.FillLine();
-    }
-    EXPECT_TRUE(Serve(tool));
-    EXPECT_TRUE(Finish(tool));
-    stops = true;
-    sender.join();
-    EXPECT_TRUE(!taker || taker->TakeReceived(file + kDisableRequests));
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, UnwillingModem,
-                         testing::Values(ModemCase{"Mute", true, false},
-                                         ModemCase{"NeverStopsSending", true, true},
-                                         ModemCase{"TakesNothing", false, false}),
-                         NameOf<ModemCase>);
-
-TEST_F(LogMasks, DisablingTracesBothEndsOfALongReply) {
-    std::string reply(300, '\0');
-    std::iota(reply.begin(), reply.end(), '\0');
-    const auto row = [&](size_t from) {
-        return "D libquillod: " + FormatHex(reply.substr(from, 20), 20);
+TEST_F(LogMasks, ComeBehindTheEndOfHalfAFrame) {
+    const std::string half = "\x0C ha";
+    const auto sendHalf = [&] {
+        tool.Send(half);
+        return Gets(modem, half);
     };
-    Switch(true);
-    AnsweringModem answering(modem, [&](const std::string& frame) {
-        return frame[0] == '\x73' ? reply : AnswerAll("");
-    });
-    ASSERT_TRUE(Serve(tool));
-    tool.Close();
-    ASSERT_TRUE(daemon.WaitForLog("data from FTM port,and bytes=300\n"));
-    for (const size_t from : {0, 20, 40, 260, 280})
-        EXPECT_TRUE(daemon.WaitForLog(row(from))) << from;
-    EXPECT_EQ(0, daemon.LogCount(row(60)));
-    EXPECT_TRUE(daemon.WaitForLog("DisableExtMSGMask ret: 1"));
+    SetProperty(kLogSwitch, "truth");  // is not exactly "true"
+    Start(false);
+    EXPECT_EQ("", begun);
+    for (const bool isOn : {true, false, true}) {
+        ASSERT_TRUE(sendHalf());
+        Switch(isOn);
+        EXPECT_TRUE(Gets(modem, "\x7E" + (isOn ? kFileMask : kDisableRequests)));
+        EXPECT_TRUE(Exchange()) << "ended twice";
+    }
+    ASSERT_TRUE(sendHalf());
+    Finish();
+    EXPECT_TRUE(Gets(modem, "\x7E" + kDisableRequests));
+    Switch(false);
+    AttachAgain();
+    ASSERT_TRUE(sendHalf());
+    Finish();
+    EXPECT_EQ("", modem.in);
+    Switch(true);  // the next connection's requests come first
+    AttachAgain();
+    EXPECT_TRUE(Same("\x7E" + kFileMask, begun));
 }
 
-TEST_F(LogMasks, TimeStampReplyComesFirstInEveryLaterCapture) {
-    std::string stamp = Frame("\x1D stamp");
-    const std::string report = Frame("\x60 report");
-    Store(kMaskDirectory + "DIAG.cfg", kFirst + Frame("\x1D") + kSecond);
-    Switch(true);
-    AnsweringModem answering(modem, [&](const std::string& frame) {
-        if (frame[0] == '\x1D') return stamp;
-        return frame == kToolRequest ? report + AnswerAll("") : AnswerAll("");
-    });
-    ExpectStart(answering, kFirst + Frame("\x1D") + kSecond);
-    ASSERT_TRUE(Finish(tool));
-    EXPECT_TRUE(Same(stamp + report, Captured()));
+// More requests than a line holds that nobody reads.
+TEST_F(LogMasks, AreEndedBeforeTheToolsBytesWhenTheyAreCut) {
+    const std::string request = "\x0C" + std::string(9000, 'r');
+    std::string file;
+    for (int i = 0; i < 20; ++i)
+        file += Framed(request);
+    Store(kMaskDirectory + "DIAG.cfg", file);
+    for (const bool fromTheStart : {true, false}) {
+        Switch(fromTheStart);
+        modem.takes = !fromTheStart;
+        StartDaemon();
+        fromTheStart ? Connect() : Attach();
+        const auto since = Clock::now();
+        modem.takes = false;
+        Switch(true);
+        UntilLogged(fromTheStart ? "init start" : "end gLogEnable");
+        EXPECT_EQ(fromTheStart, Clock::now() - since > milliseconds(1900)) << "its patience";
+        isServing = false;
+        tool.Send(kToolMask);
+        modem.takes = true;
+        Until("the tool's request", [this] { return isServing; });
+        size_t cut = 0;
+        FrameReader reader;
+        for (size_t at = 0; at < modem.in.size();) {
+            FrameState state;
+            at += reader.Take(&modem.in[at], modem.in.size() - at, &state);
+            const std::string packet(reader.packet());
+            if (state != FrameState::kBadCheck) continue;
+            EXPECT_TRUE(Same(request.substr(0, packet.size()), packet)) << ++cut;
+        }
+        EXPECT_EQ(kToolMask, Framed(std::string(reader.packet())));
+        StopDaemon();
+        MakeLine();
+    }
+}
 
-    Store(kMaskDirectory + "DIAG.cfg", kFirst);
-    ASSERT_TRUE(Attach(tool));
-    ExpectRelays(answering, kDisableRequests + kFirst);
-    ASSERT_TRUE(Finish(tool));
-    ASSERT_EQ(2U, CaptureFiles().size());
-    EXPECT_TRUE(Same(stamp + report, Contents(CaptureFiles()[1])));
+// It ends all the same, and what the modem's last bytes tell of the time is kept.
+TEST_F(LogMasks, AreDisabledAtAModemThatNeverStopsSending) {
+    Start(true);
+    isServing = false;
+    answer = [&](const std::string& frame) {
+        if (kDisableRequests.rfind(frame, 0) == 0) modem.Flood(std::string(60, '\x1D') + "\x7E");
+        return "";
+    };
+    Finish();
+    EXPECT_TRUE(Same(kDisableRequests, modem.in));
+    EXPECT_EQ("", tool.in) << "relayed after the end";
+    modem.end = 0;
+    answer = [](const std::string&) { return Framed("\x0C answer"); };
+    AttachAgain();
+    Finish();
+    EXPECT_EQ('\x1D', Captured()[0]) << "not drained";
 }
 
 }  // namespace

@@ -1,151 +1,75 @@
 // The tool's set-mask requests merged with the capture's masks, and the modem's answers. Input,
 // repeated: kind, length, bytes. Kinds: 0 a request's fields from the equipment id on, 1 an
 // answer's from the operation on, 2 the tool's bytes as they are, 3 the modem's.
-#include "tests/fuzz/fuzz_directions.h"
-
-#include <array>
-
-#include "diag/diag_commands.h"
+#include "diag/log_config_answers.h"
+#include "diag/tool_log_requests.h"
+#include "tests/fuzz/fuzz_input.h"
+#include "tests/support/bytes.h"
 
 namespace {
 
-constexpr int kIdsWithMask = 7;  // 0 to 6; 7 to 13 have none, the rest has no table
 constexpr size_t kAnswerMaskAt = kMaskAt + 4;
 constexpr size_t kLongest = 8000;  // escaped, framed and merged still within an area
-const std::string kSetMask("s\0\0\0\3\0\0\0", 8);
-
-std::string CaptureMask(int id) {
-    std::string mask = kSetMask + std::string("\0\0\0\0\x10\0\0\0\x41", 9);
-    mask[kEquipmentIdAt] = static_cast<char>(id);
-    return mask.append(static_cast<size_t>(id), '\x7E');
-}
-
-// The packet of one good frame; empty when it is not one.
-std::string Unframed(std::string frame) {
-    const auto len = static_cast<int>(frame.size());
-    frame += '\0';
-    const int count = HdlcUnescape(&frame[0], len);
-    Check(count <= len, "un-escaping adds nothing");
-    if (count < kFrameTrailer || frame[static_cast<size_t>(count) - 1] != '\x7E') return "";
-    const auto packet = static_cast<size_t>(count - kFrameTrailer);
-    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.data());
-    const bool isGood = HdlcFcs(bytes, count - kFrameTrailer) == ReadLe16(&frame[packet]);
-    return isGood ? frame.substr(0, packet) : "";
-}
 
 unsigned char At(const std::string& bytes, size_t at) {
     return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0;
 }
 
-class Interception {
-  public:
-    explicit Interception(FuzzDirections& directions) : mDirections(directions) {
-        directions.Reset();
-    }
+void Take(ToolLogRequests& requests, const std::string& request, const std::string& framed) {
+    const int id = requests.Record(framed.data(), static_cast<int>(framed.size()));
+    Check(id < kEquipmentIds, "ids have rows");
+    if (id < 0) return;
+    const std::string capture = SetMask(static_cast<uint32_t>(id), std::string(16, '\x41'));
+    char out[kDiagAreaSize];
+    const int len = requests.Merge(id, capture.data(), static_cast<int>(capture.size()), out);
+    if (request.empty()) return;  // bytes as they are: only memory is looked at
+    std::string merged;
+    for (size_t i = 0; i < std::max(request.size(), capture.size()); ++i)
+        merged += static_cast<char>(At(request, i) | At(capture, i));
+    Check(Framed(merged) == std::string(out, static_cast<size_t>(len)), "both masks are merged");
+}
 
-    void ToolAsks(const std::string& fields) {
-        const std::string request = kSetMask + (fields.empty() ? "\1" : fields);
-        const std::string framed = Framed(request);
-        const std::string out = mDirections.ToModem(framed);
-        const int id = At(request, kEquipmentIdAt);
-        mLast = id;
-        if (id < kEquipmentIds) mAsked[static_cast<size_t>(id)] = request;
-        if (id >= kIdsWithMask) {
-            Check(out == framed, "without a capture mask the request passes");
-            return;
-        }
-        const std::string capture = CaptureMask(id);
-        const std::string merged = Unframed(out);
-        Check(merged.size() == std::max(request.size(), capture.size()), "merged to the longer");
-        for (size_t i = 0; i < merged.size(); ++i)
-            Check(At(merged, i) == (At(request, i) | At(capture, i)), "both masks are merged");
-    }
-
-    void ModemAnswers(const std::string& fields) {
-        const std::string answer = std::string("s\0\0\0", 4) + fields;
-        const std::string framed = Framed(answer);
-        Check(ToTool("\x7E").size() <= 2 * kDiagAreaSize,
-              "output is bounded");  // ends what was cut
-        const std::string out = ToTool(framed);
-        if (At(answer, 4) == 3) CheckSetAnswer(framed, out);
-        if (At(answer, 4) == 4) CheckGetAnswer(answer, out);
-        if (At(answer, 4) < 3 || At(answer, 4) > 4) Check(out == framed, "other answers pass");
-    }
-
-    // What a tool sends may hide a request: no answer can be foretold any more.
-    void ToolSends(const std::string& bytes) {
-        Check(mDirections.ToModem(bytes).size() < kDiagAreaSize, "output is bounded");
-        mIsKnown = mIsKnown && !BeginsSetLogMask(bytes.data(), static_cast<long>(bytes.size()));
-    }
-
-    void ModemSends(const std::string& bytes) {
-        const auto frames = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\x7E'));
-        Check(ToTool(bytes).size() <= bytes.size() + (frames + 1) * kDiagAreaSize,
-              "output is bounded");
-    }
-
-  private:
-    std::string ToTool(const std::string& bytes) {
-        std::string out;
-        for (size_t at = 0; at < bytes.size(); at += FuzzDirections::kBlock)
-            out +=
-                mDirections.ToTool(&bytes[at], std::min(FuzzDirections::kBlock, bytes.size() - at));
-        return out;
-    }
-
-    // The tool's own request comes back, with status success.
-    void CheckSetAnswer(const std::string& framed, const std::string& out) const {
-        if (!mIsKnown) return;
-        if (mLast >= kEquipmentIds) {
-            Check(out == framed, "the answer for an id without table passes");
-            return;
-        }
-        std::string expected = mAsked[static_cast<size_t>(mLast)];
-        if (!expected.empty()) expected.insert(kEquipmentIdAt, 4, '\0');
-        Check(Unframed(out) == expected, "the answer is the tool's own request");
-    }
-
-    // The tool sees no bit that it did not set itself.
-    void CheckGetAnswer(const std::string& answer, const std::string& out) const {
-        const std::string shown = Unframed(out);
-        Check(shown.size() == answer.size(), "the answer keeps its length");
-        Check(shown.compare(0, kAnswerMaskAt, answer, 0, kAnswerMaskAt) == 0, "and its head");
-        const size_t id = At(answer, kEquipmentIdAt + 4);
-        for (size_t i = kAnswerMaskAt; mIsKnown && i < shown.size(); ++i) {
-            const int own = id < kEquipmentIds ? At(mAsked[id], i - 4) : 0;
-            Check((At(shown, i) & ~own) == 0, "only the tool's own mask shows");
-        }
-    }
-
-    FuzzDirections& mDirections;
-    std::array<std::string, kEquipmentIds> mAsked;  // requests by equipment id
-    int mLast = 0;                                  // equipment id of the last
-    bool mIsKnown = true;                           // these are all
-};
-
-int LoadCaptureMasks() {
-    std::string file;
-    for (int id = 0; id < kIdsWithMask; ++id)
-        file += Framed(CaptureMask(id));
-    return LoadMasks(memfd_create("masks", 0), memfd_create("modem", 0), file);
+// The tool sees no bit that it did not set itself in a request of these.
+void CheckAnswer(LogConfigAnswers& answers, const std::string& all, const std::string& frame,
+                 size_t cut) {
+    answers.Keep(frame.data(), static_cast<int>(cut));
+    const auto reply =
+        answers.Parse73CmdResponse(frame.data() + cut, static_cast<int>(frame.size() - cut), true);
+    Check(reply.len < kDiagAreaSize || reply.len == reply.modemLen, "a reply is bounded");
+    std::string shown(reply.frame, static_cast<size_t>(reply.len));
+    answers.Forget();
+    if (At(frame, 4) != kLogConfigGetMask || frame.compare(1, 3, "\0\0\0", 3) != 0) return;
+    shown += '\0';
+    const int count = HdlcUnescape(&shown[0], reply.len);
+    for (size_t i = kAnswerMaskAt; static_cast<int>(i) < count - kFrameTrailer; ++i)
+        Check((At(shown, i) & ~At(all, i - 4)) == 0, "only the tool's own bits show");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static FuzzDirections& directions = *new FuzzDirections;
-    static const int loaded = LoadCaptureMasks();
-    Check(loaded == 1, "the masks are loaded");
-    Interception interception(directions);
     FuzzInput input(data, size);
+    static ToolLogRequests& requests = *new ToolLogRequests;
+    for (uint32_t id = 0; id < kEquipmentIds; ++id)
+        Take(requests, "", Framed(SetMask(id, "")));
+    LogConfigAnswers answers(requests);
+    std::string all(kLongest + 8, '\0');  // every bit that a request had, whatever its id
     for (int steps = 0; steps < 64 && !input.IsOver(); ++steps) {
         const int kind = input.Byte() % 4;
-        std::string bytes = input.Runs(input.Byte());
+        const uint8_t length = input.Byte();
+        std::string bytes = input.Runs(length);
         if (bytes.size() > kLongest) bytes.resize(kLongest);
-        if (kind == 0) interception.ToolAsks(bytes);
-        if (kind == 1) interception.ModemAnswers(bytes);
-        if (kind == 2) interception.ToolSends(bytes);
-        if (kind == 3) interception.ModemSends(bytes);
+        if (kind == 0) bytes.insert(0, Le32(0x73) + Le32(3));
+        if (kind == 1) bytes.insert(0, Le32(0x73));
+        const std::string frame = kind < 2 ? Framed(bytes) : bytes + "\x7E";
+        if (kind % 2 == 0) {
+            Take(requests, kind == 0 ? bytes : "", frame);
+            for (size_t i = 0; i < all.size(); ++i)
+                all[i] = static_cast<char>(all[i] | At(bytes, i));
+            if (kind == 2) all.assign(all.size(), '\xFF');
+        } else {
+            CheckAnswer(answers, all, frame, length % frame.size());
+        }
     }
     return 0;
 }

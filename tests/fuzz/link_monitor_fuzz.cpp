@@ -1,6 +1,6 @@
 // The link monitor's datagrams. Input: flags, datagram. Flags: 1 another group, 2 another port, 4
 // no credentials, 8 another user, 16 short credentials.
-#include "daemon/link_monitor.h"
+#include "base/link_monitor.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>

@@ -1,6 +1,11 @@
 // The loader of log-mask files. The input is the file.
-#include "diag/diag_commands.h"
-#include "tests/fuzz/fuzz_directions.h"
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "logmask/log_mask.h"
+#include "tests/fuzz/fuzz_input.h"
+#include "tests/support/bytes.h"
 
 namespace {
 
@@ -58,7 +63,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     LogMask& masks = *LogMask::GetInstance();
     const std::string content = FuzzInput(data, size).Runs(SIZE_MAX);
     ResetMasks();
-    Check(LoadMasks(file, modem, content) == 1, "the file is read");
+    Check(ftruncate(file, 0) == 0 && pwrite(file, content.data(), content.size(), 0) >= 0, "file");
+    Check(ftruncate(modem, 0) == 0 && lseek(modem, 0, SEEK_SET) == 0, "the modem is empty");
+    int fd = modem;
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    Check(masks.DiagMaskRead(fd, path.c_str(), 0) == 1, "the file is read");
 
     std::string sent;
     std::vector<std::string> kept(kEquipmentIds, kKnown);

@@ -1,183 +1,108 @@
-// The modem's bytes on their way through the block queue, and how the processing thread ends.
-#include <chrono>
-#include <csignal>
-#include <future>
-#include <thread>
-#include <utility>
+#include "buffer/block_queue.h"
 
-#include "daemon/relay_wakeup.h"
-#include "tests/unit/support/directions.h"
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "tests/unit/support/descriptors.h"
 
 namespace {
 
-using std::chrono::milliseconds;
+using Wait = BlockQueue::Wait;
+using Work = BlockQueue::Work;
+constexpr std::chrono::milliseconds kNow(0);
 
-class BlockQueue : public CaptureTest {
+class BlockQueueTest : public testing::Test {
   protected:
-    BlockQueue() { signal(SIGPIPE, SIG_IGN); }
-
-    int Read() { return toTool.Read(directions.modem.near); }
-
-    // Fills count blocks, of which the processing thread handles the first: it waits for the tool,
-    // which takes nothing more.
-    void QueueBehindStalledTool(int count) {
-        mFilled = FillUntilFull(directions.tool.near);
-        for (int i = 0; i < count; ++i) {
-            const std::string frame = "\x1D" + std::to_string(i) + "\x7E";
-            directions.Queue(frame);
-            expected += frame;
+    BlockQueueTest() { queue.Allocate(); }
+    void Push(int number) {
+        memset(queue.FreeBlock(), 0, BlockQueue::kBlockSize);
+        memcpy(queue.FreeBlock(), &number, sizeof(number));
+        queue.Push(number);
+    }
+    // Fills it with the numbers from first on; returns how many.
+    int Fill(int first) {
+        int count = 0;
+        for (; queue.WaitForFreeBlock(kNow) == Wait::kReady; ++count) {
+            EXPECT_TRUE(queue.HasFreeBlock());
+            Push(first + count);
         }
-        while (toTool.NumBytes() == 0)
-            std::this_thread::yield();
+        return count;
     }
-
-    void ExpectAllAtTool() {
-        ReadExactly(directions.tool.far, mFilled);
-        ExpectBytes(expected, ReadExactly(directions.tool.far, expected.size()), "tool");
-    }
-
-    Directions directions;
-    CircularBufferExt& toTool = directions.toTool;
-    std::string expected;
-
-  private:
-    size_t mFilled = 0;
+    BlockQueue queue;
 };
 
-TEST_F(BlockQueue, BlocksHoldUpTo4095BytesAndACallTakes16) {
-    QueueBehindStalledTool(1);
-    WriteAll(directions.modem.far, std::string(5000, '\x1D'));
-    EXPECT_EQ(5000, Read());
-    EXPECT_EQ(4095, CircularBufferExtPeer::SizeOfBlock(toTool, 1));
-    EXPECT_EQ(905, CircularBufferExtPeer::SizeOfBlock(toTool, 2));
-    WriteAll(directions.modem.far, std::string(16 * 4095 + 10, '\x1D'));
-    EXPECT_EQ(16 * 4095, Read());
-    EXPECT_EQ(10, Read());
-    expected += std::string(5000 + 16 * 4095 + 10, '\x1D');
-    ExpectAllAtTool();
-}
-
-// With 399 blocks filled, a read waits, for a block or for the end of the thread, but only for a
-// moment: the relay has others to serve.
-class FullBlockQueue : public BlockQueue {
-  protected:
-    FullBlockQueue() {
-        QueueBehindStalledTool(398);
-        WriteAll(directions.modem.far, Hex("1D 7E"));
-        EXPECT_EQ(2, Read());
-        WriteAll(directions.modem.far, Hex("1D 7E"));
-        EXPECT_EQ(-EAGAIN, Read());
-        expected += Hex("1D 7E 1D 7E");
-        waiting = std::async(std::launch::async, [this] {
-            int result = Read();
-            while (result == -EAGAIN)
-                result = Read();
-            return result;
-        });
+TEST_F(BlockQueueTest, Keeps399BlocksInOrder) {
+    for (int first = 0; first < 5 * 399; first += 399) {
+        ASSERT_EQ(399, Fill(first));
+        EXPECT_FALSE(queue.HasFreeBlock());
+        for (int number = first; number < first + 399; ++number) {
+            EXPECT_EQ(Wait::kNotYet, queue.WaitUntilEmpty(kNow));
+            ASSERT_EQ(Work::kBlock, queue.WaitForWork());
+            EXPECT_EQ(0, memcmp(&number, queue.Oldest(), sizeof(number)));
+            EXPECT_EQ(number, queue.OldestSize());
+            queue.FreeOldest();
+            EXPECT_TRUE(queue.HasFreeBlock());
+        }
+        EXPECT_EQ(Wait::kReady, queue.WaitUntilEmpty(kNow));
     }
-
-    std::future<int> waiting;
-};
-
-TEST_F(FullBlockQueue, WaitsForAFreeBlock) {
-    ExpectAllAtTool();
-    EXPECT_EQ(2, waiting.get());
 }
 
-TEST_F(FullBlockQueue, EndsTheWaitWhenTheThreadHasFailed) {
-    ClearRelayWakeup();
-    directions.tool.CloseFar();
-    EXPECT_EQ(1, waiting.get());
-    EXPECT_EQ(-EPIPE, toTool.ThreadExitCode());
-    pollfd wakeup = {RelayWakeupFd(), POLLIN, 0};
-    EXPECT_EQ(1, poll(&wakeup, 1, 10000));
-    gLogEnable = 0;
-    EXPECT_EQ(-EIO, Read()) << "the queue will never be empty";
+TEST_F(BlockQueueTest, WritesComeBeforeBlocksAndTheStopBehind) {
+    Push(1);
+    queue.Stop();
+    EXPECT_EQ(Work::kBlock, queue.WaitForWork());
+    queue.RequestWrite();
+    EXPECT_EQ(Work::kWrite, queue.WaitForWork());
+    EXPECT_EQ(Work::kBlock, queue.WaitForWork());
+    EXPECT_EQ(Wait::kNotYet, queue.WaitUntilEmpty(kNow));
+    queue.FreeOldest();
+    EXPECT_EQ(Work::kStop, queue.WaitForWork());
+    EXPECT_EQ(Wait::kReady, queue.WaitForFreeBlock(kNow));
 }
 
-TEST_F(BlockQueue, StopLetsTheQueueBeHandledFirst) {
-    QueueBehindStalledTool(50);
-    directions.Queue(Hex("60 7E"));
-    auto flash = std::async(std::launch::async, [this] { return directions.Close(); });
-    ExpectAllAtTool();
-    ExpectBytes(Hex("60 7E"), flash.get(), "flash");
-}
-
-TEST_F(BlockQueue, HandlesTheLastBytesBeforeTheEndOfStream) {
-    WriteAll(directions.modem.far, Hex("60 7E 1D 7E"));
-    directions.modem.CloseFar();
-    EXPECT_EQ(0, Read());
-    ExpectBytes(Hex("60 7E"), directions.Close(), "flash");
-    ExpectBytes(Hex("1D 7E"), ReadAvailable(directions.tool.far), "tool");
-}
-
-class BlockQueueReads : public CaptureTest {};
-
-TEST_F(BlockQueueReads, EndAndFail) {
-    struct Case {
+// Who waits, with all blocks but one or all blocks filled, is woken by each of these at once.
+TEST_F(BlockQueueTest, ChangesWakeWhoWaitsForThem) {
+    const struct {
         const char* name;
-        void (*prepare)(Directions&);
-        int result;
-        int exitCode;
+        int taken;  // of the blocks filled, before the wait
+        std::function<void(BlockQueue&)> change;
+        Wait forFreeBlock, untilEmpty;
+    } kRows[] = {
+        {"freed", 398, [](BlockQueue& q) { q.FreeOldest(); }, Wait::kReady, Wait::kReady},
+        {"freed one", 0, [](BlockQueue& q) { q.FreeOldest(); }, Wait::kReady, Wait::kNotYet},
+        {"stopped", 0, [](BlockQueue& q) { q.Stop(); }, Wait::kNever, Wait::kNotYet},
+        {"consumer ended", 0, [](BlockQueue& q) { q.EndConsuming(); }, Wait::kNever, Wait::kNever},
     };
-    const std::vector<Case> cases = {
-        {"nothing there", [](Directions&) {}, 0, 1},
-        {"end of stream", [](Directions& d) { d.modem.CloseFar(); }, 0, 1},
-        {"failed read", [](Directions& d) { close(std::exchange(d.modem.near, -1)); }, 1, -1},
-        {"no memory", [](Directions& d) { CircularBufferExtPeer::LoseBlock(d.toTool, 1); }, 1, -1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Directions directions;
-        directions.Queue(Hex("60 7E 1D 7E"));
-        c.prepare(directions);
-        EXPECT_EQ(c.result, directions.toTool.Read(directions.modem.near));
-        EXPECT_EQ(c.exitCode, directions.toTool.ThreadExitCode());
-        ExpectBytes(Hex("60 7E"), directions.Close(), "flash");
-        ExpectBytes(Hex("1D 7E"), ReadAvailable(directions.tool.far), "tool");
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        for (const bool isForBlock : {true, false}) {
+            const Wait expected = isForBlock ? row.forFreeBlock : row.untilEmpty;
+            if (expected == Wait::kNotYet || (isForBlock && row.taken != 0)) continue;
+            BlockQueue q;
+            q.Allocate();
+            while (q.HasFreeBlock())
+                q.Push(1);
+            for (int i = 0; i < row.taken; ++i)
+                q.FreeOldest();
+            auto waiting = Waiting([&q, isForBlock] {
+                constexpr std::chrono::hours kLong(1);
+                return isForBlock ? q.WaitForFreeBlock(kLong) : q.WaitUntilEmpty(kLong);
+            });
+            row.change(q);
+            EXPECT_EQ(expected, waiting.get());
+        }
     }
-}
-
-TEST_F(BlockQueue, DropsWhatComesWhileMasksChange) {
-    toTool.SetConfigLogMaskStaus(1);
-    WriteAll(directions.modem.far, Hex("60 01 7E 1D 01 7E"));
-    EXPECT_EQ(0, Read());
-    toTool.SetConfigLogMaskStaus(0);
-    ExpectBytes(Hex("1D 02 7E"), directions.ToTool(Hex("60 02 7E 1D 02 7E")), "tool");
-    ExpectBytes(Hex("60 02 7E"), directions.Close(), "flash");
-}
-
-// Without the thread the connection works as long as capture is off, and fails once it is on.
-TEST(BlockQueueWithoutThread, RelaysWithCaptureOff) {
-    pthread_attr_t attributes;
-    pthread_attr_t usual;
-    pthread_getattr_default_np(&usual);
-    pthread_getattr_default_np(&attributes);
-    pthread_attr_setstacksize(&attributes, size_t{1} << 46);
-    pthread_setattr_default_np(&attributes);
-    Directions directions;
-    pthread_setattr_default_np(&usual);
-    EXPECT_GT(0, directions.toTool.ThreadExitCode());
-    gLogEnable = 0;
-    WriteAll(directions.modem.far, Hex("79 7E"));
-    EXPECT_EQ(-EAGAIN, directions.toTool.Read(directions.modem.near));
-    EXPECT_EQ(2, directions.toTool.Write(directions.tool.near));
-    EXPECT_GT(0, directions.toTool.ThreadExitCode());
-}
-
-TEST_F(BlockQueue, ToolBytesWithCaptureOn) {
-    CircularBufferExt& toModem = directions.toModem;
-    const std::string bytes = std::string(100, 'a') + std::string(20000, 'b');
-    WriteAll(directions.tool.far, bytes.substr(0, 100));
-    EXPECT_EQ(-EAGAIN, toModem.Read(directions.tool.near));
-    EXPECT_EQ(100U, toModem.NumBytes());
-    WriteAll(directions.tool.far, bytes.substr(100));
-    EXPECT_EQ(16283, toModem.Read(directions.tool.near)) << "as many as fit";
-    toModem.Write(directions.modem.near);
-    directions.tool.CloseFar();
-    EXPECT_EQ(0, toModem.Read(directions.tool.near)) << "end of stream";
-    toModem.Write(directions.modem.near);
-    ExpectBytes(bytes, ReadAvailable(directions.modem.far), "modem");
+    for (const Work work : {Work::kBlock, Work::kWrite, Work::kStop}) {
+        BlockQueue q;
+        auto waiting = Waiting([&q] { return q.WaitForWork(); });
+        if (work == Work::kBlock) q.Push(1);
+        if (work == Work::kWrite) q.RequestWrite();
+        if (work == Work::kStop) q.Stop();
+        EXPECT_EQ(work, waiting.get());
+    }
 }
 
 }  // namespace

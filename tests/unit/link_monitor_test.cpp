@@ -1,127 +1,152 @@
-// Classification of routing netlink messages, built here byte by byte.
-#include <gtest/gtest.h>
+// Link events from datagrams of routing netlink, built here byte by byte.
+#include "base/link_monitor.h"
+
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <unistd.h>
+#include <sys/un.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <string>
 #include <vector>
 
-#include "daemon/link_monitor.h"
+#include "tests/unit/support/descriptors.h"
+#include "tests/unit/support/log_lines.h"
+#include "tests/unit/support/temp_dir.h"
 
 namespace {
 
-constexpr int kAvailable = NETLINK_UTIL_SOCKET_UPDATE_USBLAN_AVAILABLE;
+constexpr int kUpdated = NETLINK_UTIL_SOCKET_UPDATE_USBLAN_AVAILABLE;
 constexpr int kRemoved = NETLINK_UTIL_SOCKET_UPDATE_USBLAN_REMOVED;
 constexpr int kNone = NETLINK_UTIL_SOCKET_UPDATE_NONE;
+const unsigned kUp = IFF_UP;
+const unsigned kRunning = IFF_RUNNING;
 
-std::string Attribute(int type, const std::string& data, int lenOverride = -1) {
+template <typename T>
+std::string Bytes(const T& value) {
+    return {reinterpret_cast<const char*>(&value), sizeof(value)};
+}
+
+// excess: by how much its length claims more than it has.
+std::string Attribute(unsigned short type, std::string data, int excess = 0) {
     rtattr head = {};
     head.rta_len =
-        static_cast<unsigned short>(lenOverride >= 0 ? lenOverride : sizeof(head) + data.size());
-    head.rta_type = static_cast<unsigned short>(type);
-    std::string bytes(reinterpret_cast<const char*>(&head), sizeof(head));
-    bytes += data;
-    bytes.resize(RTA_ALIGN(bytes.size()), '\0');
-    return bytes;
+        static_cast<unsigned short>(static_cast<int>(sizeof(head) + data.size()) + excess);
+    head.rta_type = type;
+    data.resize(RTA_ALIGN(data.size()), '\0');
+    return Bytes(head) + data;
 }
 
 std::string Name(const char* name) {
     return Attribute(IFLA_IFNAME, std::string(name, strlen(name) + 1));
 }
 
-std::string Link(unsigned flags, unsigned change, const std::string& attributes) {
+std::string Message(unsigned short type, const std::string& payload, int excess = 0) {
     nlmsghdr head = {};
+    head.nlmsg_type = type;
+    head.nlmsg_len =
+        static_cast<unsigned>(static_cast<int>(sizeof(head) + payload.size()) + excess);
+    return Bytes(head) + payload;
+}
+
+std::string Link(unsigned flags, unsigned change, const std::string& attributes = Name("usb0")) {
     ifinfomsg info = {};
     info.ifi_flags = flags;
     info.ifi_change = change;
-    head.nlmsg_type = RTM_NEWLINK;
-    head.nlmsg_len = static_cast<unsigned>(sizeof(head) + sizeof(info) + attributes.size());
-    std::string bytes(reinterpret_cast<const char*>(&head), sizeof(head));
-    bytes.append(reinterpret_cast<const char*>(&info), sizeof(info));
-    return bytes + attributes;
+    return Message(RTM_NEWLINK, Bytes(info) + attributes);
 }
 
-// A copy that ends exactly at the message's end, so that a sanitizer sees any read past it.
-int Classify(const std::string& bytes) {
-    const std::vector<char> exact(bytes.begin(), bytes.end());
-    return parse_rtm_msg(reinterpret_cast<const nlmsghdr*>(exact.data()),
-                         static_cast<int>(exact.size() - sizeof(nlmsghdr)));
+const std::string kComes = Link(kUp, kUp);
+const std::string kGoes = Link(0, kUp);
+
+TEST(LinkMonitor, ClassifiesMessages) {
+    const struct {
+        const char* name;
+        std::string message;
+        int event;
+    } kRows[] = {
+        {"up and running", Link(kUp | kRunning, kUp), kUpdated},
+        {"up, not running", Link(kUp, kRunning), kUpdated},
+        {"down", kGoes, kRemoved},
+        {"down, running changed", Link(0, kRunning), kRemoved},
+        {"no change", Link(kUp | kRunning, 0), kNone},
+        {"other change", Link(0, IFF_PROMISC), kNone},
+        {"running without up", Link(kRunning, kUp | kRunning), kNone},
+        {"other interface", Link(kUp, kUp, Name("eth0")), kNone},
+        {"longer name", Link(kUp, kUp, Name("usb01")), kNone},
+        {"name without end", Link(kUp, kUp, Attribute(IFLA_IFNAME, "usb0")), kNone},
+        {"name behind others", Link(kUp, kUp, Attribute(IFLA_MTU, "x") + Name("usb0")), kUpdated},
+        {"of another type", Link(kUp, kUp, Attribute(IFLA_QDISC, {"usb0", 5})), kNone},
+        {"second name", Link(kUp, kUp, Name("eth0") + Name("usb0")), kUpdated},
+        {"three bytes", Link(kUp, kUp, "abc"), kNone},
+        {"too short length", Link(kUp, kUp, Attribute(IFLA_MTU, "", -1) + Name("usb0")), kNone},
+        {"no length", Link(kUp, kUp, std::string(16, '\0')), kNone},
+        {"past the end", Link(kUp, kUp, Attribute(IFLA_IFNAME, {"usb0", 5}, 4)), kNone},
+        {"no room for the interface", Message(RTM_NEWLINK, std::string(15, '\0')), kNone},
+    };
+    const TempDir properties;
+    properties.HoldProperties();
+    for (const auto& row : kRows) {
+        // It ends where the message does, so that a sanitizer sees any read past it.
+        const std::vector<char> exact(row.message.begin(), row.message.end());
+        EXPECT_EQ(row.event, parse_rtm_msg(reinterpret_cast<const nlmsghdr*>(exact.data()),
+                                           static_cast<int>(exact.size() - sizeof(nlmsghdr))))
+            << row.name;
+    }
 }
 
-struct Case {
-    const char* name;
-    std::string message;
-    int event;
-};
-
-class LinkMonitor : public ::testing::TestWithParam<Case> {
-  protected:
-    LinkMonitor() { setenv("QUILLOD_PROPERTY_DIR", "/nonexistent", 1); }
-};
-
-TEST_P(LinkMonitor, Classifies) {
-    EXPECT_EQ(GetParam().event, Classify(GetParam().message));
-}
-
-const unsigned kUp = IFF_UP;
-const unsigned kRunning = IFF_RUNNING;
-
-INSTANTIATE_TEST_SUITE_P(
-    Messages, LinkMonitor,
-    ::testing::Values(
-        Case{"UpAndRunning", Link(kUp | kRunning, kUp, Name("usb0")), kAvailable},
-        Case{"UpNotRunning", Link(kUp, kRunning, Name("usb0")), kAvailable},
-        Case{"DownNow", Link(0, kUp, Name("usb0")), kRemoved},
-        Case{"DownRunningChanged", Link(0, kRunning, Name("usb0")), kRemoved},
-        Case{"NoChange", Link(kUp | kRunning, 0, Name("usb0")), kNone},
-        Case{"OtherChange", Link(0, IFF_PROMISC, Name("usb0")), kNone},
-        Case{"RunningWithoutUp", Link(kRunning, kUp | kRunning, Name("usb0")), kNone},
-        Case{"OtherInterface", Link(kUp, kUp, Name("eth0")), kNone},
-        Case{"LongerName", Link(kUp, kUp, Name("usb01")), kNone},
-        Case{"NameAfterOthers",
-             Link(kUp, kUp, Attribute(IFLA_MTU, "abc") + Attribute(IFLA_QDISC, "x") + Name("usb0")),
-             kAvailable},
-        Case{"NameWithoutNul", Link(kUp, kUp, Attribute(IFLA_IFNAME, "usb0")), kNone},
-        Case{"NoAttributes", Link(kUp, kUp, ""), kNone},
-        Case{"ThreeBytesOfAttributes", Link(kUp, kUp, "abc"), kNone},
-        Case{"ShortAttributeLength", Link(kUp, kUp, Attribute(IFLA_MTU, "abcd", 3) + Name("usb0")),
-             kNone},
-        Case{"AttributePastTheEnd", Link(kUp, kUp, Attribute(IFLA_IFNAME, {"usb0\0", 5}, 400)),
-             kNone},
-        Case{"ZeroLengthAttribute", Link(kUp, kUp, std::string(16, '\0')), kNone},
-        Case{"NoRoomForInterface", std::string(16 + 15, '\0'), kNone}),
-    [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
-
-TEST(LinkMonitorSocket, NothingWaitingIsNoEvent) {
-    const int fd = create_netlink_socket();
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(kNone, handle_netlink_socket_event(fd));
-    close(fd);
-    EXPECT_EQ(kNone, handle_netlink_socket_event(-1));
-}
-
-// Datagrams from another process's port are refused, whatever they say.
-TEST(LinkMonitorSocket, OtherSendersAreNoEvent) {
-    const int fd = create_netlink_socket();
-    ASSERT_GE(fd, 0);
-    sockaddr_nl address = {};
-    socklen_t len = sizeof(address);
-    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &len));
-    const int sender = socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
-    address.nl_groups = 0;
-    const std::string message = Link(kUp, kUp, Name("usb0"));
-    const ssize_t sent = sendto(sender, message.data(), message.size(), 0,
-                                reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    // The kernel lets only root write to another's netlink socket.
-    if (sent < 0 && errno == EPERM) GTEST_SKIP() << "forging a link event needs root";
-    ASSERT_EQ(static_cast<ssize_t>(message.size()), sent) << strerror(errno);
-    EXPECT_EQ(kNone, handle_netlink_socket_event(fd));
-    close(sender);
-    close(fd);
+// A datagram's way in. The sender is a local socket, whose name reads like a netlink address.
+TEST(LinkMonitor, HearsTheKernelAlone) {
+    const struct {
+        const char* name;
+        unsigned port, groups;
+        bool hasCredentials;
+        std::string datagram;
+        int event;
+        const char* logged;
+    } kRows[] = {
+        {"other group", 0, 0, true, kGoes, kNone, "groups = 0, pid = 0"},
+        {"other port", 7, RTMGRP_LINK, true, kGoes, kNone, "groups = 1, pid = 7"},
+        {"no credentials", 0, RTMGRP_LINK, false, kGoes, kNone, "invalid control message"},
+        {"kernel", 0, RTMGRP_LINK, true, kGoes, kRemoved, "USBLAN Removed"},
+        {"last of two", 0, RTMGRP_LINK, true, kComes + kGoes, kRemoved, ""},
+        {"other message between", 0, RTMGRP_LINK, true,
+         Message(RTM_DELLINK, kComes.substr(16)) + kGoes, kRemoved, ""},
+        {"none behind the end", 0, RTMGRP_LINK, true, Message(NLMSG_DONE, "") + kGoes, kNone, ""},
+        {"cut", 0, RTMGRP_LINK, true, Message(RTM_NEWLINK, kGoes.substr(16), 4), kNone, ""},
+        {"too short", 0, RTMGRP_LINK, true, Message(RTM_NEWLINK, "", -1) + kGoes, kNone, ""},
+        {"empty", 0, RTMGRP_LINK, true, "", kNone, ""},
+    };
+    const bool isRoot = geteuid() == 0;
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const LogLines log;
+        sockaddr_un names[2] = {};
+        int fds[2];
+        for (int i = 0; i < 2; ++i) {
+            fds[i] = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            sockaddr_nl address = {AF_UNIX, 0, row.port, row.groups};
+            memcpy(&names[i], &address, sizeof(address));
+            const int unique[] = {getpid(), i};  // behind what is looked at
+            memcpy(reinterpret_cast<char*>(&names[i]) + sizeof(address), unique, sizeof(unique));
+            ASSERT_EQ(0, bind(fds[i], reinterpret_cast<sockaddr*>(&names[i]),
+                              sizeof(address) + sizeof(unique)));
+        }
+        const int on = row.hasCredentials ? 1 : 0;
+        setsockopt(fds[0], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
+        sendto(fds[1], row.datagram.data(), row.datagram.size(), 0,
+               reinterpret_cast<sockaddr*>(&names[0]), sizeof(sockaddr_nl) + 8);
+        const bool isOthers = !isRoot && row.port == 0 && row.groups != 0 && row.hasCredentials;
+        EXPECT_EQ(isOthers ? kNone : row.event, handle_netlink_socket_event(fds[0]));
+        const std::string line = isOthers && !row.datagram.empty() ? "Invalid UID of " : row.logged;
+        EXPECT_TRUE(line.empty() || log.Count(line) > 0);
+        for (const int fd : fds)
+            close(fd);
+    }
+    const int kernel = create_netlink_socket();
+    EXPECT_LE(0, kernel);
+    EXPECT_EQ(kNone, handle_netlink_socket_event(kernel)) << "nothing there";
+    close(kernel);
+    if (!isRoot) GTEST_SKIP() << "only root's datagrams are heard: their events were not tested";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Real descriptors for tests.
+// Real descriptors for tests, and threads that wait.
 #pragma once
 
 #include <fcntl.h>
@@ -7,23 +7,37 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <future>
 #include <string>
+#include <thread>
 
-// A connected pair of stream sockets; the near end does not block.
+// A connected pair of stream sockets that hold little; the near end does not block.
 struct SocketPair {
-    SocketPair() {
+    SocketPair() { Open(); }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+    ~SocketPair() {
+        CloseNear();
+        CloseFar();
+    }
+    // A new pair.
+    void Open() {
+        CloseNear();
+        CloseFar();
         int fds[2] = {-1, -1};
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) ADD_FAILURE() << errno;
         near = fds[0];
         far = fds[1];
-        fcntl(near, F_SETFL, fcntl(near, F_GETFL) | O_NONBLOCK);
+        fcntl(near, F_SETFL, O_NONBLOCK);
+        const int least = 1;
+        setsockopt(near, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
     }
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
-    ~SocketPair() {
+    void CloseNear() {
         if (near != -1) close(near);
-        CloseFar();
+        near = -1;
     }
     void CloseFar() {
         if (far != -1) close(far);
@@ -35,28 +49,28 @@ struct SocketPair {
 };
 
 inline void WriteAll(int fd, const std::string& bytes) {
-    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
 }
 
 // All that can be read without waiting.
 inline std::string ReadAvailable(int fd) {
     std::string all;
     char chunk[65536];
-    for (;;) {
-        const ssize_t n = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
-        if (n <= 0) return all;
-        all.append(chunk, static_cast<size_t>(n));
+    for (ssize_t n = 1; n > 0;) {
+        n = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
+        if (n > 0) all.append(chunk, static_cast<size_t>(n));
     }
+    return all;
 }
 
-// Exactly count bytes, waiting up to 20 seconds for each piece.
+// Exactly count bytes, or what came in 20 seconds or before the end of the stream.
 inline std::string ReadExactly(int fd, size_t count) {
     std::string all;
     while (all.size() < count) {
         pollfd entry = {fd, POLLIN, 0};
         if (poll(&entry, 1, 20000) <= 0) break;
         std::string piece(count - all.size(), '\0');
-        const ssize_t n = read(fd, &piece[0], piece.size());
+        const ssize_t n = read(fd, piece.data(), piece.size());
         if (n <= 0) break;
         all.append(piece, 0, static_cast<size_t>(n));
     }
@@ -66,15 +80,26 @@ inline std::string ReadExactly(int fd, size_t count) {
 
 // Writes to a non-blocking descriptor until it takes nothing more; returns the bytes written.
 inline size_t FillUntilFull(int fd) {
-    const std::string chunk(1024, 'x');
     size_t total = 0;
-    for (size_t size = chunk.size(); size > 0;) {
-        const ssize_t n = write(fd, chunk.data(), size);
-        if (n > 0) {
-            total += static_cast<size_t>(n);
-        } else {
-            size /= 2;
-        }
-    }
+    while (write(fd, "x", 1) == 1)
+        ++total;
     return total;
+}
+
+// Has a thread do this, and goes on once it waits for something.
+template <typename Action>
+auto Waiting(Action action) {
+    std::atomic<pid_t> id{0};
+    auto result = std::async(std::launch::async, [&id, action] {
+        id = gettid();
+        return action();
+    });
+    for (char state = '?'; state != 'S';) {
+        std::this_thread::yield();
+        std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
+        std::string text;
+        if (id != 0 && !std::getline(status, text)) break;  // it has ended
+        if (!text.empty()) state = text[text.rfind(')') + 2];
+    }
+    return result;
 }

@@ -1,0 +1,162 @@
+// The split of the modem's stream between tool and flash.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/steps.h"
+
+namespace e2e {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kRecordFile = kCaptureDirectory + "record.txt";
+
+using Capture = HandsetTest;
+
+TEST_F(Capture, ShowsTheToolItsOwnMasksAndPackets) {
+    const std::string fileMask = Framed(SetMask(1, MaskOf({15})));
+    const std::string toolMask = Framed(SetMask(1, MaskOf({0}) + '\0'));
+    const std::string merged = Framed(SetMask(1, MaskOf({0, 15})));
+    const std::string wanted = LogFrame(0x1000);
+    const std::string other = LogFrame(0x100F);
+    Store(kMaskDirectory + "DIAG.cfg", fileMask);
+    answer = [&](const std::string& frame) {  // refused, but set all the same
+        if (frame != merged) return Framed("\x0C answer");
+        return Answer(3, 1, MaskOf({0, 15}), 2) + Answer(4, 1, MaskOf({0, 15})) + wanted + other;
+    };
+    Switch(true);
+    StartDaemon();
+    Connect();
+    tool.Send(toolMask);
+    const std::string forTool =
+        Answer(3, 1, MaskOf({0}) + '\0') + Answer(4, 1, MaskOf({0}) + '\0') + wanted;
+    EXPECT_TRUE(Gets(tool, forTool));
+    EXPECT_TRUE(Gets(modem, fileMask + merged));
+    Finish();
+    EXPECT_TRUE(Same(wanted + other, Captured()));
+    const auto count = [](const std::string& bytes) { return std::to_string(bytes.size()); };
+    EXPECT_NE(std::string::npos, Log().find("ReadDataFromBP:" + count(forTool + other) +
+                                            ", SavedToFlash:" + count(wanted + other) +
+                                            ", WriteToAP:" + count(forTool) +
+                                            ", mTotalLengthForLogDataWriteToAp: " + count(wanted)));
+}
+
+// With the switch off for the first half of each frame, then for the second.
+TEST_F(Capture, LosesNothingOfAFrameThatTheSwitchMovesIn) {
+    static const struct {
+        std::string frame;
+        size_t cut;
+        bool isOwn;
+        bool isForTool;
+    } kRows[] = {{Framed("\x79 report of the modem"), 9, true, false},
+                 {LogFrame(0x117E), 7, true, true},
+                 {LogFrame(0x117C), 13, true, false},
+                 {Framed("\x1D answer"), 4, false, true},
+                 {Answer(4, 4, "\x03"), 12, false, true}};
+    const std::string mark = Framed("\x0C mark");
+    std::string own;
+    Start(true);
+    for (const auto& row : kRows) {
+        const std::string head = row.frame.substr(0, row.cut);
+        const std::string tail = row.frame.substr(row.cut);
+        if (row.isOwn) own += head;
+        modem.Send(mark + head);
+        Until("the mark", [&] { return tool.in.size() >= mark.size(); });
+        Switch(false);
+        EXPECT_TRUE(Gets(modem, kDisableRequests));
+        modem.Send(tail + mark);
+        EXPECT_TRUE(Gets(tool, mark + (row.isForTool ? head : "") + tail + mark)) << row.cut;
+
+        modem.Send(head);
+        EXPECT_TRUE(Gets(tool, head));
+        Switch(true);
+        EXPECT_TRUE(Gets(modem, kFileMask));
+        modem.Send(tail + mark);
+        EXPECT_TRUE(Gets(tool, tail + mark)) << row.cut;
+    }
+    Finish();
+    EXPECT_TRUE(Same(own, Captured()));
+}
+
+TEST_F(Capture, BeginsAFileWithTheTimeForEachConnection) {
+    const std::string stamp = Framed("\x1D stamp");
+    const std::string report = Framed("\x60" + Pattern(9000));
+    Store(kMaskDirectory + "DIAG.cfg", Framed("\x1D") + kFileMask);
+    answer = [&](const std::string& frame) {
+        return frame == Framed("\x1D") ? stamp : isServing ? "" : Framed("\x0C answer");
+    };
+    Start(true);
+    modem.Send(report + report);
+    Until("a file meanwhile", [] { return !CaptureFiles().empty(); });
+    int synchronous = 0;
+    for (const auto& entry : fs::directory_iterator(Proc("fd"))) {
+        if (fs::read_symlink(entry).string().rfind(kCaptureDirectory, 0) != 0) continue;
+        const std::string info = Contents(Proc("fdinfo/" + entry.path().filename().string()));
+        const auto flags = std::stoul(info.substr(info.find("flags:") + 6), nullptr, 8);
+        synchronous += (flags & O_SYNC) == O_SYNC ? 1 : 0;
+    }
+    EXPECT_EQ(2, synchronous) << "log and record file";
+    Finish();
+    EXPECT_TRUE(Same(stamp + report + report, Captured()));
+
+    Store(kMaskDirectory + "DIAG.cfg", kFileMask);
+    AttachAgain();
+    Finish();
+    const std::vector<std::string> files = CaptureFiles();
+    ASSERT_EQ(2U, files.size());
+    EXPECT_TRUE(Same(stamp, Contents(files[1])));
+    EXPECT_EQ("\n\n" + files[0] + "\n\n\n" + files[1] + "\n", Contents(kRecordFile));
+    for (const std::string& path : {files[0], kRecordFile})
+        EXPECT_EQ(0640U, static_cast<unsigned>(fs::status(path).permissions())) << path;
+}
+
+TEST_F(Capture, OnASlowFlashCostsTheToolNothingUntilThePoolIsFull) {
+    // The writer thread begins with the record file: a full pipe in its place holds it.
+    ASSERT_EQ(0, mkfifo(kRecordFile.c_str(), 0600));
+    const UniqueFd pipe(open(kRecordFile.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    char page[4096] = {};
+    while (write(pipe.get(), page, sizeof(page)) > 0) {
+    }
+    const Mix withinPool(random, 700'000, true);
+    const Mix beyond(random, 3'000'000, true);
+    Start(true);
+    modem.Send(withinPool.all);
+    EXPECT_TRUE(Gets(tool, withinPool.forTool));
+    modem.Send(beyond.all);
+    UntilLogged("PoolBuffer: Read wait cond");
+    EXPECT_TRUE(CaptureFiles().empty());
+    while (read(pipe.get(), page, sizeof(page)) > 0) {
+    }
+    EXPECT_TRUE(Gets(tool, beyond.forTool));
+    Finish();
+    EXPECT_TRUE(Same(withinPool.own + beyond.own, Captured()));
+}
+
+TEST_F(Capture, OnAFaultyFlashCostsTheToolNothing) {
+    enum { kFull, kReadOnly, kMissing };
+    for (const int fault : {kFull, kReadOnly, kMissing}) {
+        const unsigned long readOnly = fault == kReadOnly ? MS_RDONLY : 0;
+        ASSERT_EQ(0, mount("flash", "/data/misc", "tmpfs", 0, "size=64k"));
+        if (fault != kMissing) fs::create_directory(kCaptureDirectory);
+        mount(nullptr, "/data/misc", nullptr, MS_REMOUNT | readOnly, nullptr);
+        const Mix mix(random, 400'000, true);
+        Start(true);
+        modem.Send(mix.all);
+        EXPECT_TRUE(Gets(tool, mix.forTool)) << fault;
+        Finish();
+        if (fault == kFull) {  // one of 16 pages is the record file's
+            EXPECT_TRUE(Same(mix.own.substr(0, size_t{15} * 4096), Captured()));
+        }
+        StopDaemon();
+        umount2("/data/misc", MNT_DETACH);
+    }
+}
+
+}  // namespace
+}  // namespace e2e

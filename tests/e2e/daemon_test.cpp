@@ -1,0 +1,162 @@
+// The daemon as a process, its cycle of connections, and the modem port.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "tests/e2e/handset.h"
+#include "tools/common/tool_error.h"
+
+namespace e2e {
+namespace {
+
+// Why a tool does not get through to the daemon, which it does for a moment otherwise.
+std::string WhyNot(const char* host) {
+    try {
+        Handset::Dial(host, milliseconds(50));
+        return "";
+    } catch (const ToolError& error) {
+        return error.what();
+    }
+}
+
+using Process = HandsetTest;
+
+TEST_F(Process, KeepsLittleOfWhatItWasStartedWith) {
+    StartDaemon();
+    const std::string status = Contents(Proc("status"));
+    for (const char* line : {"\nCapInh:\t0000000000000000\n", "\nCapPrm:\t0000000000002000\n",
+                             "\nCapEff:\t0000000000002000\n", "\nUmask:\t0000\n"})
+        EXPECT_NE(std::string::npos, status.find(line)) << line << status;
+    EXPECT_EQ("/", std::filesystem::read_symlink(Proc("cwd")));
+    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(Pid()));
+    EXPECT_FALSE(std::filesystem::exists(Proc("fd/2"))) << "others: link monitor, listening socket";
+    Attach();
+    EXPECT_EQ("/dev/pts/0", std::filesystem::read_symlink(Proc("fd/1")));
+    EXPECT_TRUE(Exchange());
+}
+
+TEST_F(Process, BoundsTheWaitForATool) {
+    Start(false);
+    const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, Pid(), 0)));
+    const UniqueFd client(static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), 2, 0)));
+    ASSERT_NE(-1, client.get());
+    EXPECT_TRUE(fcntl(client.get(), F_GETFL) & O_NONBLOCK);
+    static constexpr struct {
+        int level, option, value;
+    } kOptions[] = {{IPPROTO_TCP, TCP_NODELAY, 1},    {IPPROTO_TCP, TCP_USER_TIMEOUT, 60000},
+                    {SOL_SOCKET, SO_KEEPALIVE, 1},    {IPPROTO_TCP, TCP_KEEPIDLE, 20},
+                    {IPPROTO_TCP, TCP_KEEPINTVL, 10}, {IPPROTO_TCP, TCP_KEEPCNT, 4}};
+    for (const auto& [level, option, expected] : kOptions) {
+        int value = 0;
+        socklen_t size = sizeof(value);
+        getsockopt(client.get(), level, option, &value, &size);
+        EXPECT_EQ(expected, value) << option;
+    }
+}
+
+TEST_F(Process, ListensOnTheInterfaceOfTheProperty) {
+    static constexpr struct {
+        const char* interface;
+        bool hears[2];  // the handset itself, the PC
+    } kRows[] = {{nullptr, {false, true}}, {"lo", {true, false}}, {"missing0", {true, true}}};
+    for (const auto& row : kRows) {
+        if (row.interface != nullptr) SetProperty("ro.blan.interface", row.interface);
+        StartDaemon();
+        EXPECT_EQ(row.hears[0], WhyNot("127.0.0.1").empty()) << row.interface;
+        StopDaemon();
+        StartDaemon();
+        EXPECT_EQ(row.hears[1], WhyNot(kHandset).empty()) << row.interface;
+        StopDaemon();
+    }
+}
+
+TEST_F(Process, RefusesASecondToolUntilTheFirstIsGone) {
+    Start(false);
+    EXPECT_NE(std::string::npos, WhyNot(kHandset).find("Connection refused"));
+    EXPECT_TRUE(Exchange()) << "disturbed by the second";
+    Finish();
+    AttachAgain();
+    EXPECT_TRUE(Exchange());
+}
+
+TEST_F(Process, StartedAnewServesAgain) {
+    Start(true);
+    tool.Send("half a fra");
+    EXPECT_TRUE(Gets(modem, "half a fra"));
+    StopDaemon();
+    UntilClosed();
+    StartDaemon();
+    Attach();
+    EXPECT_TRUE(Same(kFileMask, begun));
+    EXPECT_TRUE(Exchange());
+}
+
+TEST_F(Process, ServesTheNextToolAfterASignal) {
+    const auto interrupt = [this](int signal) {
+        Until("sleeping in select", [this] {
+            return Contents(Proc("status")).find("S (sleeping)") != std::string::npos;
+        });
+        ASSERT_EQ(0, kill(Pid(), signal));
+    };
+    StartDaemon();
+    interrupt(SIGHUP);
+    Attach();
+    for (const int signal : {SIGHUP, SIGPIPE}) {
+        ASSERT_TRUE(Exchange());
+        interrupt(signal);
+        UntilClosed();
+        AttachAgain();
+    }
+    EXPECT_TRUE(Exchange());
+}
+
+TEST_F(Process, WithoutModemPortTriesTenTimes) {
+    std::filesystem::rename(kModemPort, "/dev/hidden");
+    StartDaemon();
+    Connect();
+    const auto since = Clock::now();
+    UntilClosed();
+    EXPECT_NEAR(10, std::chrono::duration<double>(Clock::now() - since).count(), 0.9);
+    UntilListening();
+}
+
+TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
+    termios before = {};  // a pty's master shows the port's
+    before.c_iflag = BRKINT | PARMRK | INPCK | ISTRIP | IGNCR | ICRNL | IXON | IXOFF | IXANY;
+    before.c_oflag = OPOST | ONLCR;
+    before.c_cflag = B9600 | CS7 | PARENB | CSTOPB | HUPCL;
+    before.c_lflag = ISIG | ICANON | IEXTEN | ECHO | ECHOE | ECHOK | ECHONL | TOSTOP;
+    before.c_cc[VMIN] = 7;
+    ASSERT_EQ(0, tcsetattr(LineFd(), TCSANOW, &before));
+    ASSERT_EQ(0, tcgetattr(LineFd(), &before));
+    const UniqueFd port(open(kModemPort, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    modem.Send("stale\n");
+    Until("stale bytes and their echo", [&, stale = 0]() mutable {
+        return ioctl(port.get(), FIONREAD, &stale) == 0 && stale > 0 && modem.in.size() > 5;
+    });
+    modem.in.clear();
+    Start(false);
+    EXPECT_TRUE(Exchange());
+    termios line = {};
+    ASSERT_EQ(0, tcgetattr(LineFd(), &line));
+    termios expected = before;
+    expected.c_iflag = IGNBRK | IGNPAR;
+    expected.c_oflag = ONLCR;
+    expected.c_cflag = CS8 | CREAD | CLOCAL | CRTSCTS | CSTOPB | HUPCL;
+    expected.c_lflag = IEXTEN | TOSTOP;
+    cfsetspeed(&expected, B115200);
+    EXPECT_EQ(0, memcmp(&expected, &line, sizeof(line)));
+}
+
+}  // namespace
+}  // namespace e2e

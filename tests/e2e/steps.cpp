@@ -1,0 +1,281 @@
+#include "tests/e2e/steps.h"
+
+#include <sys/socket.h>
+
+#include <filesystem>
+
+#include "tools/modem/sim_modem.h"
+
+namespace e2e {
+
+namespace {
+
+const std::string kLastAnswer = Framed("\x0C the last one");
+
+// A packet without 0x1D when framed: at the start of a read that is a time stamp for the daemon to
+// keep.
+std::string PlainPacket(std::minstd_rand& random, const std::string& head, bool isLog,
+                        uint16_t code) {
+    for (;;) {
+        std::string payload(random() % (random() % 9 == 0 ? 6000 : 200), '\0');
+        for (char& byte : payload)
+            byte = static_cast<char>('P' + random() % 48);  // of these, 0x7D and 0x7E are escaped
+        std::string packet =
+            isLog ? SimModem::MakeLogPacket(code, payload, 0x0123457D7E89ABCD) : head + payload;
+        if (Framed(packet).find('\x1D') == std::string::npos) return packet;
+    }
+}
+
+// Whether actual is what comes first when unit is sent over and over.
+AssertionResult IsBegun(const std::string& unit, const std::string& actual) {
+    if (unit.empty()) return Same(unit, actual);
+    for (size_t at = 0; at < actual.size(); at += unit.size()) {
+        const std::string part = actual.substr(at, unit.size());
+        if (const auto same = Same(unit.substr(0, part.size()), part); !same) return same;
+    }
+    return testing::AssertionSuccess();
+}
+
+// What came is the beginning of what was sent, and nothing is missing on flash before it.
+void CheckBegun(const Handset& world, const Mix& mix) {
+    const std::string flash = Captured();
+    EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in)) << "at the tool";
+    EXPECT_TRUE(IsBegun(mix.own, flash)) << "on flash";
+    EXPECT_GE(flash.size(), world.tool.in.size() / mix.forTool.size() * mix.own.size());
+}
+
+// Floods the tool, until it takes nothing if it stalls, and then ends the connection somehow.
+void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end,
+                 milliseconds bound = kEndBound) {
+    constexpr int kRoom = 4096;  // soon full
+    const Mix mix(world.random, 1'000'000, world.captures);
+    const size_t count = world.UpTo(2'000'000);
+    world.Attach();
+    world.modem.Flood(mix.all);
+    world.Until("bytes at the tool", [&] { return world.tool.in.size() >= count; });
+    if (stalls) {
+        setsockopt(world.ToolFd(), SOL_SOCKET, SO_RCVBUF, &kRoom, sizeof(kRoom));
+        world.tool.takes = false;
+        world.UntilStalled();
+    }
+    const auto since = Clock::now();
+    end();
+    world.UntilListening(since, bound);
+    CheckBegun(world, mix);
+}
+
+void PullLink() {
+    SetLink(false);
+    SetLink(true);
+}
+
+// The modem takes nothing on its line, nothing of so many bytes of the tool, and no end.
+void FailEverything(Handset& world) {
+    EndInAFlood(
+        world, true,
+        [&] {
+            world.modem.takes = false;
+            world.FillLine();
+            world.tool.Send(Mix(world.random, world.UpTo(60'000), false).all);
+            world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
+            PullLink();
+        },
+        milliseconds(8000));
+}
+
+// Back-pressure; with capture on, for some time only.
+void StallTheTool(Handset& world) {
+    EndInAFlood(
+        world, true,
+        [&] {
+            if (world.captures) return;
+            const size_t left = world.modem.StopFlood();
+            world.tool.takes = true;
+            const size_t count = left * world.modem.out.size();
+            world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
+            world.Finish();
+        },
+        milliseconds(8000));
+}
+
+// The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
+// or both.
+void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain) {
+    const std::string toModem = Mix(world.random, count, false).all;
+    world.Attach();
+    world.modem.takes = false;
+    if (!takesAgain) world.FillLine();
+    world.tool.Send(toModem);
+    world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
+    world.UntilStalled();
+    const auto since = Clock::now();
+    if (leaves) world.CloseTool();
+    world.modem.takes = takesAgain;
+    if (!leaves) {
+        world.Until("bytes at the modem", [&] { return world.modem.in.size() >= toModem.size(); });
+        world.Finish();
+    }
+    world.UntilListening(since);
+    EXPECT_TRUE(!takesAgain || Same(toModem, WithoutOwnRequests(world.modem.in)));
+}
+
+void Transfer(Handset& world) {
+    const Mix mix(world.random, world.UpTo(4'000'000), world.captures);
+    const std::string toModem = Mix(world.random, world.UpTo(500'000), false).all;
+    world.Attach();
+    EXPECT_TRUE(Same("", WithoutOwnRequests(world.begun)));
+    world.modem.Send(mix.all);
+    world.tool.Send(toModem);
+    EXPECT_TRUE(world.Gets(world.tool, mix.forTool));
+    EXPECT_TRUE(world.Gets(world.modem, toModem));
+    world.Finish();
+    EXPECT_TRUE(Same(mix.own, Captured()));
+}
+
+void FlapTheLink(Handset& world) {
+    for (size_t flaps = world.UpTo(3); flaps > 0; --flaps) {
+        SetLink(false);
+        world.Until("not listening", [&] { return !world.IsListening(); });
+        SetLink(true);
+        world.UntilListening(Clock::now(), milliseconds(1000));
+    }
+}
+
+void HideThePort(Handset& world) {
+    const std::string missed = "on try " + std::to_string(world.UpTo(3)) + ": No such file";
+    const size_t from = world.Log().size();
+    std::filesystem::rename(kModemPort, "/dev/hidden");
+    world.Connect();
+    world.UntilLogged(missed, from);
+    std::filesystem::rename("/dev/hidden", kModemPort);
+    world.tool.Send(kToolMask);
+    world.Until("served", [&] { return world.isServing; });
+    world.Finish();
+}
+
+// Whether atModem, but for the daemon's own requests, is unit over and over. Each of these stands
+// behind a 0x7E, which is one more where the tool did not complete its frame in time: counts them.
+AssertionResult IsOrderly(const std::string& unit, const std::string& atModem, size_t* added) {
+    std::string fromTool;
+    for (size_t at = 0; at < atModem.size();) {
+        const bool isMask = atModem.compare(at, kFileMask.size(), kFileMask) == 0;
+        const std::string& own = isMask ? kFileMask : kDisableRequests;
+        if (atModem.compare(at, own.size(), own) != 0) {
+            fromTool += atModem[at++];
+            continue;
+        }
+        at += own.size();
+        if (fromTool.empty()) continue;
+        if (fromTool.back() != '\x7E')
+            return Same("a frame's end", fromTool.substr(fromTool.size() - 9));
+        if (unit[(fromTool.size() - 1) % unit.size()] == '\x7E') continue;
+        fromTool.pop_back();
+        ++*added;
+    }
+    return IsBegun(unit, fromTool);
+}
+
+// While bytes go both ways. The tool's come in pieces that end anywhere, but never so many that the
+// line is full.
+void MoveTheSwitch(Handset& world) {
+    const Mix mix(world.random, 200'000, true, false);
+    const std::string requests = Mix(world.random, 200'000, false).all;
+    const size_t moves = 4 + 2 * world.UpTo(4) + (world.captures ? 1 : 0);
+    size_t requested = 0;
+    const auto keepSending = [&] {
+        if (world.modem.in.size() + 10'000 < requested) return;
+        const std::string piece = requests.substr(requested % requests.size(), 4000);
+        world.tool.Send(piece);
+        requested += piece.size();
+    };
+    world.Attach();
+    world.modem.Flood(mix.all);
+    for (size_t move = 0; move < moves; ++move) {
+        const size_t count = world.tool.in.size() + world.UpTo(500'000);
+        const auto isIn = [&] { return keepSending(), world.tool.in.size() >= count; };
+        world.Until("bytes at the tool", isIn);
+        world.captures = !world.captures;
+        size_t at = world.modem.in.size();
+        SetProperty(kLogSwitch, world.captures ? "true" : "false");
+        const std::string& own = world.captures ? kFileMask : kDisableRequests;
+        world.Until("the daemon's requests", [&] {
+            keepSending();
+            const size_t from = std::exchange(at, world.modem.in.size());
+            return world.modem.in.find(own, from - std::min(from, own.size())) != std::string::npos;
+        });
+    }
+    const size_t count = world.modem.StopFlood();
+    world.Until("the last answer", [&] {  // the switch is off
+        const size_t got = world.tool.in.size();
+        return !world.modem.HasMore() && !world.tool.HasMore() && got > kLastAnswer.size() &&
+               world.tool.in.find(kLastAnswer, got - kLastAnswer.size()) != std::string::npos;
+    });
+    world.Finish();
+    size_t cut = 0;
+    EXPECT_TRUE(IsOrderly(requests, world.modem.in, &cut));
+    EXPECT_LT(cut, moves) << "no frame of the tool was completed";
+    EXPECT_LE(requested, world.modem.in.size());
+    EXPECT_EQ(count * mix.all.size(), world.tool.in.size() + Captured().size());
+}
+
+}  // namespace
+
+const std::vector<Step> kSteps = {
+    {"ToolThatIsGoneAtOnce",
+     [](Handset& world) {
+         world.Connect();
+         world.CloseTool();
+         world.UntilListening();
+     },
+     false},
+    {"BytesBothWays", Transfer, true},
+    {"MuteModem",
+     [](Handset& world) {
+         world.isMute = true;
+         Transfer(world);
+     },
+     true},
+    {"ToolThatLeavesInAFlood",
+     [](Handset& world) { EndInAFlood(world, false, [&] { world.CloseTool(); }); }, true},
+    {"LinkFlaps", FlapTheLink, false},
+    {"LinkPulledInAFlood",
+     [](Handset& world) { EndInAFlood(world, world.random() % 2 == 0, PullLink); }, true},
+    {"PortThatHangsUpInAFlood",
+     [](Handset& world) { EndInAFlood(world, false, [&] { world.BreakLine(); }); }, true},
+    {"EverythingAtOnce", FailEverything, true},
+    {"ToolThatStalls", StallTheTool, true},
+    {"ToolThatStallsAndLeaves",
+     [](Handset& world) { EndInAFlood(world, true, [&] { world.CloseTool(); }); }, true},
+    {"ModemThatStalls", [](Handset& world) { StallTheModem(world, 140'000, false, true); }, true},
+    {"ToolThatLeavesASlowModem", [](Handset& world) { StallTheModem(world, 140'000, true, true); },
+     true},
+    {"ToolThatLeavesAFullLine", [](Handset& world) { StallTheModem(world, 1, true, false); },
+     false},
+    // The tool is not read any more, so that its end cannot be read either.
+    {"ToolThatLeavesAFullRing", [](Handset& world) { StallTheModem(world, 60'000, true, false); },
+     true},
+    // Nor does the news of its end come: it stands behind bytes that find no room in the socket.
+    {"ToolThatLeavesAFullSocket",
+     [](Handset& world) { StallTheModem(world, 150'000, true, false); }, false},
+    {"PortThatComesLate", HideThePort, false},
+    {"SwitchMoves", MoveTheSwitch, false},
+};
+
+Mix::Mix(std::minstd_rand& random, size_t size, bool isCaptured, bool hasWantedLogs) {
+    static constexpr uint16_t kCodes[] = {0x1000, 0x117E, 0x1001, 0x117C, 0x7E7D, 0x4000};
+    static const std::string kHeads[] = {"\x60", "\x79", "\x99", "\x92",
+                                         "\x98", "\x0C", "\x13", Hex("73 00 00 00 01 00 00 00")};
+    while (all.size() < size) {
+        const size_t head = random() % std::size(kHeads);
+        const size_t code = hasWantedLogs ? random() % 6 : 2 + random() % 4;
+        const bool isLog = random() % 2 == 0;
+        const std::string frame = Framed(PlainPacket(random, kHeads[head], isLog, kCodes[code]));
+        all += frame;
+        if (isCaptured && (isLog || head < 5)) own += frame;
+        if (!isCaptured || (isLog ? code < 2 : head >= 5)) forTool += frame;
+    }
+    all += kLastAnswer;
+    forTool += kLastAnswer;
+}
+
+}  // namespace e2e

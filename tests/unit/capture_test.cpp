@@ -1,0 +1,205 @@
+// The pool and the files that it writes.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include "base/log_switch.h"
+#include "capture/pool_buffer.h"
+#include "tests/support/bytes.h"
+#include "tests/unit/support/descriptors.h"
+#include "tests/unit/support/log_lines.h"
+#include "tests/unit/support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kSlotSize = 16384;
+
+class Flash : public testing::Test {
+  protected:
+    Flash() { gLogEnable = 1; }
+    ~Flash() override { gLogEnable = 0; }
+
+    static int Put(PoolBuffer& pool, const std::string& bytes) {
+        return pool.Read(bytes.data(), static_cast<int>(bytes.size()));
+    }
+    // Returns the path. A file is named by the millisecond of its opening, so that is waited for.
+    std::string Store(const std::string& bytes) {
+        const auto millisecond = [] {
+            return std::chrono::system_clock::now().time_since_epoch() /
+                   std::chrono::milliseconds(1);
+        };
+        for (const auto now = millisecond(); millisecond() == now;) {
+        }
+        files.Store(bytes.data(), static_cast<int>(bytes.size()));
+        return files.Path();
+    }
+    std::string Stored() const { return TempDir::Content(files.Path()); }
+
+    LogLines log;
+    TempDir dir;
+    LogFiles files{(dir / "").c_str(), 10000};
+};
+
+// ---- Files ----
+
+TEST_F(Flash, RotatesAndListsItsFilesByConnection) {
+    files.OpenRecordFile();
+    files.OpenRecordFile();
+    const std::string first = Store(std::string(9999, 'a'));
+    EXPECT_EQ(first, Store("b"));
+    const std::string second = Store("c");
+    files.Close();
+    EXPECT_EQ(0U, files.Size());
+    files.OpenRecordFile();
+    const std::string third = Store(std::string(20000, 'd'));
+    files.Close();
+    gLogEnable = 0;
+    files.OpenRecordFile();
+    files.Close();
+    EXPECT_EQ(std::string(9999, 'a') + "b", TempDir::Content(first));
+    EXPECT_EQ("c", TempDir::Content(second));
+    EXPECT_EQ(std::string(20000, 'd'), TempDir::Content(third));
+    EXPECT_EQ("\n\n" + first + "\n" + second + "\n\n\n" + third + "\n",
+              TempDir::Content(dir / "record.txt"));
+    EXPECT_EQ(0U, first.find(dir / "diag_log_20"));
+    EXPECT_EQ(".qmdl", first.substr(first.size() - 5));
+    for (const std::string& path : {first, dir / "record.txt"})
+        EXPECT_EQ(0640U, static_cast<unsigned>(fs::status(path).permissions())) << path;
+}
+
+TEST_F(Flash, IsWrittenThrough) {
+    files.OpenRecordFile();
+    Store("a");
+    int found = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code none;
+        if (fs::read_symlink(entry, none).parent_path() != dir.Path()) continue;
+        ++found;
+        EXPECT_EQ(O_SYNC, fcntl(std::stoi(entry.path().filename()), F_GETFL) & O_SYNC);
+    }
+    EXPECT_EQ(2, found);
+    files.Close();
+}
+
+// What cannot be stored costs the data of its time only.
+TEST_F(Flash, TroublePasses) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit usual = {};
+    getrlimit(RLIMIT_FSIZE, &usual);
+    files.OpenRecordFile();
+    const std::string first = Store("a");
+    const rlimit full = {3, usual.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    Store("bcd");
+    Store("e");
+    setrlimit(RLIMIT_FSIZE, &usual);
+    EXPECT_EQ(1, log.Count("PoolBuffer: write error, ret=2"));
+    EXPECT_EQ(1, log.Count("PoolBuffer: write error, ret=-1"));
+    EXPECT_EQ(4U, files.Size()) << "a cut chunk counts whole";
+    Store("f");
+    EXPECT_EQ("abcf", Stored());
+
+    fs::remove(first);
+    const std::string second = Store("g");
+    EXPECT_NE(first, second);
+    EXPECT_EQ("g", Stored());
+    fs::remove_all(dir.Path());
+    Store("h");
+    EXPECT_EQ(1, log.Count("PoolBuffer: Invalid ptr length is 1"));
+    EXPECT_EQ(0U, files.Size());
+    fs::create_directory(dir.Path());
+    Store("i");
+    files.Store("j", 0);
+    files.Store(nullptr, 1);
+    EXPECT_EQ("i", Stored());
+    files.Close();
+    files.OpenRecordFile();
+    fs::remove_all(dir.Path());
+    files.Close();
+    files.OpenRecordFile();
+    EXPECT_EQ(1, log.Count("PoolBuffer: record file name fail errno: "));
+}
+
+// ---- The pool ----
+
+TEST_F(Flash, PoolKeepsChunksWholeAndInOrder) {
+    const struct {
+        const char* name;
+        std::vector<size_t> chunks;
+        std::vector<int> stores;  // one for each slot, the last at the exit
+    } kRows[] = {
+        {"a slot is filled to the last byte", {16383, 1, 1}, {16384, 1}},
+        {"full-sized chunk behind a byte", {1, 16384, 1}, {1, 16384, 1}},
+        {"chunk that does not fit leaves a rest", {10000, 6385, 9999, 1}, {10000, 16384, 1}},
+        {"oversized chunk is cut", {20000, 20000, 5}, {16384, 16384, 5}},
+        {"rounds of the ring", std::vector<size_t>(130, 16384), std::vector<int>(130, 16384)},
+        {"nothing queued leaves no file", {}, {}},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        LogFiles whole((dir / "").c_str(), 1 << 30);
+        PoolBuffer pool(whole);
+        std::string all;
+        for (const size_t size : row.chunks) {
+            const std::string chunk = Pattern(size, static_cast<unsigned>(all.size() + 1));
+            const size_t taken = std::min<size_t>(size, kSlotSize);
+            EXPECT_EQ(static_cast<int>(taken), Put(pool, chunk));
+            all += chunk.substr(0, taken);
+        }
+        pool.Exit();
+        EXPECT_EQ(0, Put(pool, "late"));
+        pool.Join();
+        EXPECT_TRUE(Same(all, TempDir::Content(whole.Path())));
+        EXPECT_EQ(all.empty(), std::string(whole.Path()).empty());
+        fs::remove(whole.Path());
+    }
+}
+
+// The producer waits, until a slot is free or the end, when all are full and the writer stands.
+TEST_F(Flash, FullPoolHoldsTheProducer) {
+    for (const bool exits : {false, true}) {
+        LogFiles whole((dir / "").c_str(), 1 << 30);
+        Gate gate("PoolBuffer: open file succeed");
+        PoolBuffer pool(whole);
+        for (int i = 0; i < 49; ++i) {
+            EXPECT_TRUE(pool.HasSpace());
+            Put(pool, std::string(kSlotSize, 'x'));
+        }
+        Put(pool, "y");
+        EXPECT_FALSE(pool.HasSpace());
+        auto waiting = Waiting([&pool] { return Put(pool, "fits, but waits"); });
+        if (exits) pool.Exit();
+        if (!exits) gate.Open();
+        EXPECT_EQ(exits ? 0 : 15, waiting.get());
+        gate.Open();
+        pool.Exit();
+        pool.Join();
+        EXPECT_EQ(49U * kSlotSize + (exits ? 1 : 16), TempDir::Content(whole.Path()).size());
+        fs::remove(whole.Path());
+    }
+    EXPECT_EQ(2, log.Count("PoolBuffer: Read wait cond"));
+}
+
+TEST(WithoutThread, PoolTakesNothing) {
+    LogLines log;
+    LogFiles files("/nonexistent/", 1);
+    pthread_attr_t usual, tooMuch;
+    pthread_getattr_default_np(&usual);
+    pthread_getattr_default_np(&tooMuch);
+    pthread_attr_setstacksize(&tooMuch, size_t{1} << 46);
+    pthread_setattr_default_np(&tooMuch);
+    PoolBuffer pool(files);
+    pthread_setattr_default_np(&usual);
+    EXPECT_EQ(0, pool.Read("a", 1));
+    EXPECT_EQ(0, pool.Read("b", 1));
+    EXPECT_EQ(1, log.Count("nothing is stored"));
+}
+
+}  // namespace

@@ -1,0 +1,85 @@
+// The host's stand-ins for the platform's log and properties.
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+
+#include "tests/unit/support/temp_dir.h"
+
+namespace {
+
+TEST(Platform, LogHasOneLineForEachMessageAtItsLevel) {
+    const std::string all = "VDIWEFVDIWEF";
+    const std::string x5000(5000, 'x');
+    const struct {
+        const char* name;
+        std::string script, text;
+        std::string levels;  // under the daemon's tag, then under the library's
+    } kRows[] = {
+        {"standard error, twice", "./child 100%s 1 && ./child 100%s 1", "100%s", all + all},
+        {"pipe, all else closed", "./child x 1 2>&1 <&- >&- | cat >&2", "x", all},
+        {"file is appended to",
+         "export QUILLOD_LOG_FILE=f; ./child x 1 && ./child x 1 2>&- && cat f >&2", "x", all + all},
+        {"file cannot be opened", "QUILLOD_LOG_FILE=none/log ./child x 1", "x", all},
+        {"newlines become blanks, but not at the end", "./child '\na\n\n' 1", " a", all},
+        {"cut to 4096 bytes", "./child " + x5000 + " 1", x5000, all},
+        {"own level", "echo I >log.tag.quillod; echo F >log.tag; ./child x 1", "x", "IWEFF"},
+        {"silent", "echo S >log.tag.quillod; echo D >log.tag; ./child x 1", "x", "DIWEF"},
+        {"unset", ": >log.tag.quillod; echo s >log.tag.libquillod; echo E >log.tag; ./child x 1",
+         "x", "EFEF"},
+        {"broken pipe", "(trap '' PIPE; ./child x 1; echo $? >r) 2>&1 | true; read r <r", "", ""},
+        {"full pipe",
+         "(./child " + x5000 +
+             " 9; echo $? >r) 2>&1 | (until test -s r; do :; done);"
+             "grep -q 2 r",
+         "", ""},
+    };
+    const std::regex form(
+        R"([0-9-]{5} [0-9:.]{12} [ 0-9]{4,}[0-9] [ 0-9]{4,}[0-9] ([A-Z]) [a-z]+: )");
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const TempDir dir;
+        dir.HoldProperties();
+        const std::string prepare = "cd " + dir.Path() + " && ln -s '" LOG_CHILD "' child && ";
+        EXPECT_EQ(0, system((prepare + "(" + row.script + ") 2>out").c_str()));
+        std::string levels;
+        std::ifstream out(dir / "out");
+        for (std::string line; std::getline(out, line);) {
+            std::smatch header;
+            const std::string start = line.substr(0, 60);
+            ASSERT_TRUE(std::regex_search(start, header, form) && header.position() == 0) << start;
+            EXPECT_EQ(line, header.str() + row.text.substr(0, 4095 - header.str().size()));
+            levels += header.str(1);
+        }
+        EXPECT_EQ(row.levels, levels);
+    }
+}
+
+TEST(Platform, PropertyIsItsFileCutTo91Bytes) {
+    const TempDir dir;
+    dir.HoldProperties();
+    const auto get = [](const char* key, const char* fallback) {
+        std::string value(PROPERTY_VALUE_MAX + 8, '#');
+        const int len = property_get(key, value.data(), fallback);
+        EXPECT_EQ("########", value.substr(PROPERTY_VALUE_MAX));
+        EXPECT_EQ(static_cast<size_t>(len), strlen(value.c_str()));
+        return std::string(value.c_str());
+    };
+    const std::string x90(90, 'x'), x91(91, 'x');
+    const std::pair<std::string, std::string> kRows[] = {
+        {"true\n", "true"}, {" true \n\n", " true \n"}, {"", ""},         {x91 + "\n", x91},
+        {x90 + "\n", x90},  {x90 + "\nz", x90 + "\n"},  {x91 + "z", x91},
+    };
+    for (const auto& [content, value] : kRows) {
+        dir.Store("a.key", content);
+        EXPECT_EQ(value, get("a.key", "unset"));
+    }
+    for (const char* key : {"a", "", "..", "./a.key", "/etc/hostname"})
+        EXPECT_EQ("unset", get(key, "unset")) << key;
+    EXPECT_EQ(x91, get("a", (x91 + "z").c_str()));
+    EXPECT_EQ("", get("a", nullptr));
+}
+
+}  // namespace

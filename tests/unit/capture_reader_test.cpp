@@ -1,23 +1,14 @@
-// Captured bytes back to frames, the order of files, and totals.
-#include <filesystem>
-#include <fstream>
-
+// Captured bytes back to frames.
 #include "support/frames.h"
-#include "tools/capture/capture_files.h"
 #include "tools/capture/capture_text.h"
-#include "tools/capture/capture_totals.h"
 #include "tools/common/mask_requests.h"
 #include "tools/modem/sim_modem.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr uint64_t kStamp = uint64_t{1156792320800} << 16;  // 2025-11-01 00:00:01 UTC
-
-std::string LogFrame(uint16_t code, const std::string& payload, uint64_t stamp = kStamp) {
+std::string LogFrame(uint16_t code, const std::string& payload) {
     std::string frame;
-    AppendFrame(frame, SimModem::MakeLogPacket(code, payload, stamp));
+    AppendFrame(frame, SimModem::MakeLogPacket(code, payload, 0));
     return frame;
 }
 
@@ -82,29 +73,6 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
     for (const auto& row : kRows)
         for (const size_t readSize : {1, 2, 7, 1 << 20})
             EXPECT_EQ(Read(row.files, readSize, row.filter), row.frames) << row.name << readSize;
-}
-
-TEST(CaptureFiles, FollowTheRecordFileThenTheirNames) {
-    std::string pattern = testing::TempDir() + "capture_order.XXXXXX";
-    const std::string directory = std::string(mkdtemp(pattern.data())) + "/";
-    for (const char* name : {"z.qmdl", "b.qmdl", "c.qmdl", "a.qmdl", "d.txt"})
-        std::ofstream(directory + name) << "x";
-    std::ofstream(directory + "record.txt")
-        << "\n\n/data/misc/radio/c.qmdl\n\n\n/data/misc/radio/gone.qmdl\n/elsewhere/a.qmdl\nc.qmdl";
-    const CaptureDirectory listed = ListCaptureDirectory(directory);
-    EXPECT_EQ(listed.files, (Lines{directory + "c.qmdl", directory + "a.qmdl", directory + "b.qmdl",
-                                   directory + "z.qmdl"}));
-    EXPECT_EQ(listed.missing, Lines{"gone.qmdl"});
-    fs::remove_all(directory);
-}
-
-TEST(CaptureTotals, SpanIsThatOfTheStamps) {
-    CaptureTotals totals;
-    CaptureReader reader([&](const CaptureFrame& frame) { return totals.Add(frame), true; });
-    reader.BeginFile("a");
-    reader.Take(LogFrame(1, "", kStamp + (2 << 16) + 40960) + kTime + LogFrame(2, ""));
-    const char kSpan[] = "from 2025-11-01 00:00:01.000 to 2025-11-01 00:00:01.003 UTC, 0.004 s";
-    EXPECT_NE(totals.Text().find(kSpan), std::string::npos) << totals.Text();
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 
 #include "support/frames.h"
 #include "tools/common/unique_fd.h"
+#include "tools/modem/sim_modem.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ class Port {
         mNumber = std::to_string(ntohs(address.sin_port));
     }
     int fd() const { return mSocket.get(); }
-    const char* number() const { return mNumber.c_str(); }
+    const std::string& number() const { return mNumber; }
 
   private:
     const UniqueFd mSocket{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
@@ -71,7 +72,14 @@ void RelayTools(int port, const std::string& line) {
     }
 }
 
-// In a directory of its own, with a list, a mask file and two captures.
+std::string LogFrame(uint16_t code, uint64_t ticks) {
+    constexpr uint64_t kStamp = uint64_t{1156792320800} << 16;  // 2025-11-01 00:00:01 UTC
+    std::string frame;
+    AppendFrame(frame, SimModem::MakeLogPacket(code, "", kStamp + ticks));
+    return frame;
+}
+
+// In a directory of its own, with a list, mask files and captures.
 class Quilltool : public testing::Test {
   protected:
     Quilltool() {
@@ -83,6 +91,12 @@ class Quilltool : public testing::Test {
         fs::create_directory(mDirectory + "/captures");
         Write("captures/a.qmdl", Framed("60 01 00") + Framed("79 00") + Framed("1D 05"));
         Write("cut.qmdl", Framed("60 01 00").substr(0, 4));
+        Write("logs.qmdl", LogFrame(1, (2 << 16) + 40960) + Framed("1D 05") + LogFrame(2, 0));
+        fs::create_directory(mDirectory + "/recorded");
+        for (const char* name : {"z.qmdl", "b.qmdl", "c.qmdl", "a.qmdl", "d.txt"})
+            Write(std::string("recorded/") + name, Framed("60 01 00"));
+        Write("recorded/record.txt",
+              "\n\n/data/misc/radio/c.qmdl\n\n\n/x/gone.qmdl\n/x/a.qmdl\nc.qmdl");
     }
     ~Quilltool() override { fs::remove_all(mDirectory); }
 
@@ -100,14 +114,22 @@ class Quilltool : public testing::Test {
                                  environ));
         return pid;
     }
+    void Await(const char* name, const std::string& text) const {
+        while (Output(name).find(text) == std::string::npos)
+            sched_yield();
+    }
     static int Wait(pid_t pid) {
         int status = -1;
         EXPECT_EQ(pid, waitpid(pid, &status, 0));
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
+    static void EndsWith(pid_t pid, int signal) {
+        EXPECT_EQ(0, kill(pid, signal));
+        EXPECT_EQ(0, Wait(pid));
+    }
 
     struct Call {
-        const char* arguments;
+        std::string arguments;
         int status;
         const char* out;  // regular expressions for a part of it; "^$" for nothing
         const char* err;
@@ -116,7 +138,7 @@ class Quilltool : public testing::Test {
         for (const Call& call : calls) {
             SCOPED_TRACE(call.arguments);
             fs::remove(mDirectory + "/out");
-            EXPECT_EQ(call.status, Wait(Start("2>err >out " + std::string(call.arguments))));
+            EXPECT_EQ(call.status, Wait(Start("2>err >out " + call.arguments)));
             EXPECT_TRUE(std::regex_search(Output("out"), std::regex(call.out))) << Output("out");
             EXPECT_TRUE(std::regex_search(Output("err"), std::regex(call.err))) << Output("err");
         }
@@ -144,7 +166,6 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"mask print list", 1, "^$", "list is text.*mask compile"},
         {"mask ranges 127.0.0.1 --port 0", 2, "^$", "--port"},
         {"probe 127.0.0.1 --port 1 --timeout 0.01", 1, "^$", "refused.*one tool at a time"},
-        {"probe localhost --request 7", 2, "^$", "two hexadecimal digits"},
         {"probe localhost --mask 0x1000,0xB0C0-0xC000", 2, "^$", "leaves the first code's"},
         {"probe localhost --mask 0xE000", 2, "^$", "14 and 15 have no log masks"},
         {"probe localhost --mask 0x1000 --bulk 1M", 2, "^$", "excludes"},
@@ -161,62 +182,77 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"capture stat captures", 0, "^1 file, 17 bytes\n[^]*answer +1 ", "^$"},
         {"capture stat captures --json", 0, "\"bytes\": 17,[^]*\"problems\": \\[\\]", "^$"},
         {"capture stat cut.qmdl", 1, "cut: the file ends", "^$"},
+        {"capture stat logs.qmdl", 0,
+         "from 2025-11-01 00:00:01.000 to 2025-11-01 00:00:01.003 UTC, 0.004 s\n[^]*\n"
+         "0x0002 +0 +1 +19\n[^]*\n0x0001 +#{40} +50.0%",
+         "^$"},
+        {"capture show recorded", 0, "^recorded/c[^]*\nrecorded/a[^]*\nrecorded/b[^]*\nrecorded/z",
+         "^quilltool: recorded: its record file lists gone.qmdl, which is not there\n$"},
         {"capture follow list", 1, "^$", "list"},
         {"capture show captures >/dev/full", 1, "^$", "not be written: No space left"},
     });
     EXPECT_EQ(Packets(Output("new.cfg")).size(), 3U);
+    for (const char* wrong :
+         {"--request ''", "--request ' '", "--request 7", "--request '7 3'", "--request 0x73",
+          "--request 73,00", "--request 730", "--bulk 9300000000G", "--bulk 18446744073709551617",
+          "--bulk 0M", "--bulk ''", "--bulk M", "--bulk 3MB", "--bulk -3"})
+        CheckCalls({{std::string("probe localhost ") + wrong, 2, "^$", "^--(request|bulk): "}});
 }
 
 TEST_F(Quilltool, SpeaksWithTheModem) {
-    const pid_t modem = Start("modem --at line --verbose >trace 2>&1");
-    while (Output("trace").find("modem ready at line") == std::string::npos)
-        sched_yield();
+    const pid_t modem = Start("modem --at line --verbose --send-logs 500 >trace 2>&1");
+    Await("trace", "modem ready at line");
     const Port daemon;
     const Port silent;
-    setenv("DAEMON", daemon.number(), 1);
-    setenv("SILENT", silent.number(), 1);
     std::thread relay(RelayTools, daemon.fd(), mDirectory + "/line");
+    const std::string probe = "probe 127.0.0.1 --port " + daemon.number() + " ";
     CheckCalls({
-        {"probe localhost --port $DAEMON", 0,
-         "^-> version \\(0x00\\), 1 byte: 00\n<- version[^]*FCS good: 00 [^]*\n$", "^$"},
-        {"probe 127.0.0.1 --port $DAEMON --raw --request '4B 7e'", 0, "^13 4B 7D 5E .. .. 7E\n$",
-         "^$"},
-        {"probe 127.0.0.1 --port $DAEMON --mask 0x1003,0xB0C0-0xB0C1 --get-mask --wait 0", 0,
-         "log configuration[^]*FCS good[^]*\n0x1003\n0xB0C0-0xB0C1\n$", "^$"},
-        {"probe 127.0.0.1 --port $DAEMON --bulk 300k", 0,
-         "-> 300000 bytes in.*, every byte right\nbulk <- 300000 bytes.*right\n$", "^$"},
-        {"probe 127.0.0.1 --port $SILENT --timeout 0.01", 1, "^-> version",
-         "no answer in time to 00"},
-        {"mask ranges 127.0.0.1 --port $DAEMON", 0,
-         "^width 1 4095\nwidth 4 2320\nwidth 5 2144\nwidth 7 2672\nwidth 11 2560\n$", "^$"},
+        {probe, 0, "^-> version \\(0x00\\), 1 byte: 00\n<- version[^]*FCS good: 00 .*\n$", "^$"},
+        {probe + "--raw --request '4B 00 03 04 0a0D 11 13 1A 7e7F FF'", 0,
+         "^13 4B 00 03 04 0A 0D 11 13 1A 7D 5E 7F FF .. .. 7E\n$", "^$"},
+        // Left unfinished: the next connection's bytes are no bulk data.
+        {probe + "--timeout 0.3 --request FA520500000000000000", 1, "^-> bulk", "in time to FA 52"},
     });
+    Await("trace", "-> bulk");
+    CheckCalls({
+        {probe + "--bulk 300k", 0,
+         "-> 300000 bytes in.*, every byte right\nbulk <- 300000 bytes.*right\n$", "^$"},
+        {"probe localhost --timeout 0.01 --port " + silent.number(), 1, "^-> version",
+         "time to 00"},
+    });
+    const pid_t watcher = Start(probe + "--mask 0x1003,0xB0C0-0xB0C1 --get-mask >out 2>err");
+    Await("out", "0xB0C1, FCS good");
+    EndsWith(watcher, SIGINT);
+    EXPECT_NE(Output("out").find("\n0x1003\n0xB0C0-0xB0C1\n<- log packet"), std::string::npos);
+    EXPECT_NE(Output("trace").find("-> log configuration (0x73), 528 bytes"), std::string::npos)
+        << "a mask as wide as the modem's";
+    // Among the logs that the tool before has left on.
+    CheckCalls(
+        {{"mask ranges localhost --port " + daemon.number(), 0,
+          "^width 1 4095\nwidth 4 2320\nwidth 5 2144\nwidth 7 2672\nwidth 11 2560\n$", "^$"}});
     EXPECT_EQ(0, shutdown(daemon.fd(), SHUT_RDWR));
     relay.join();
-    EXPECT_EQ(0, kill(modem, SIGTERM));
-    EXPECT_EQ(0, Wait(modem));
+    EndsWith(modem, SIGTERM);
     EXPECT_FALSE(fs::exists(fs::symlink_status(mDirectory + "/line")));
-    EXPECT_NE(Output("trace").find("logging: id 1: 1 code, id 11: 2 codes"), std::string::npos);
 }
 
 TEST_F(Quilltool, EndsQuietlyWhenNobodyReadsOn) {
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     close(ends[0]);
-    EXPECT_EQ(0, Wait(Start("capture show captures 2>err >&" + std::to_string(ends[1]))));
-    EXPECT_EQ(Output("err"), "");
+    for (const char* arguments : {"capture show captures", "modem --at line"}) {
+        EXPECT_EQ(0, Wait(Start(arguments + (" 2>err >&" + std::to_string(ends[1])))));
+        EXPECT_EQ(Output("err"), "");
+    }
     close(ends[1]);
 }
 
 TEST_F(Quilltool, FollowsUntilCtrlC) {
     const pid_t pid = Start("capture follow captures >out 2>err");
-    while (Output("err").find("waiting for frames") == std::string::npos)
-        sched_yield();
-    while (Output("out").find("message") == std::string::npos) {
-        Write("captures/a.qmdl", Framed("79 01"));
-        sched_yield();
-    }
-    EXPECT_EQ(0, kill(pid, SIGINT));
-    EXPECT_EQ(0, Wait(pid));
+    Await("err", "waiting for frames");
+    Write("captures/a.qmdl", Framed("79 01"));
+    Await("out", "message");
+    EndsWith(pid, SIGINT);
     EXPECT_EQ(Output("out").find("answer"), std::string::npos) << "what was there before";
 }
 

@@ -62,12 +62,16 @@ std::string CaptureHeading() {
 }
 
 std::string CaptureLine(const CaptureFrame& frame, bool hex) {
-    const auto code = HasKind(frame) ? LogCodeOf(frame.packet) : std::nullopt;
+    std::string code = "-";
+    std::string id = "-";
+    const auto logCode = LogCodeOf(frame.packet);
+    if (HasKind(frame) && logCode.has_value()) {
+        code = LogCodeText(*logCode);
+        id = std::to_string(*logCode >> 12);
+    }
     const std::string line =
         fmt::format("{:10}  {:<12}  {:<6}  {:>2}  {:6}  {}\n", frame.offset,
-                    HasKind(frame) ? CaptureKindName(KindOf(frame.packet)) : "-",
-                    code.has_value() ? LogCodeText(*code) : "-",
-                    code.has_value() ? std::to_string(*code >> 12) : "-", frame.packet.size(),
-                    CaptureCheckText(frame.check));
+                    HasKind(frame) ? CaptureKindName(KindOf(frame.packet)) : "-", code, id,
+                    frame.packet.size(), CaptureCheckText(frame.check));
     return hex ? line + HexLines(frame.packet) : line;
 }

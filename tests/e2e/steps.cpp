@@ -139,6 +139,8 @@ void FlapTheLink(Handset& world) {
         SetLink(true);
         world.UntilListening(Clock::now(), milliseconds(1000));
     }
+    world.Attach();
+    world.Finish();
 }
 
 void HideThePort(Handset& world) {

@@ -1,14 +1,13 @@
-// The least that a relay can be: serves one client at a TCP port, one thread a direction, each a
-// loop of blocking read and write between the client and the modem's port.
+// The least that a relay can be: "bare_loop PORT DEVICE" serves one client at a TCP port, one
+// thread a direction, each a loop of blocking read and write between the client and the modem's
+// port.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 namespace {
@@ -27,39 +26,26 @@ void Copy(int from, int to) {
     }
 }
 
-int AcceptOne(uint16_t port) {
+int AcceptOne() {
+    constexpr uint16_t kPort = 11008;
     const int on = 1;
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 1) != 0) {
-        return -1;
-    }
+    address.sin_port = htons(kPort);
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return -1;
+    listen(listener, 1);
     const int client = accept(listener, nullptr, nullptr);
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return client;
 }
 
-int OpenRaw(const char* path) {
-    const int fd = open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios settings{};
-    if (tcgetattr(fd, &settings) != 0) return -1;
-    cfmakeraw(&settings);
-    return tcsetattr(fd, TCSANOW, &settings) == 0 ? fd : -1;
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        fputs("usage: bare_loop PORT DEVICE\n", stderr);
-        return 2;
-    }
-    const int tool = AcceptOne(static_cast<uint16_t>(strtoul(argv[1], nullptr, 10)));
-    const int modem = OpenRaw(argv[2]);
+int main() {
+    const int tool = AcceptOne();
+    const int modem = open("/dev/ttydiag0", O_RDWR | O_NOCTTY | O_CLOEXEC);  // raw already
     if (tool == -1 || modem == -1) {
         perror("bare_loop");
         return 1;

@@ -1,14 +1,18 @@
-// Capture on, beside the daemon's own rate with capture off, and beside dd on a disk.
+// Capture on: beside the daemon's own rate with capture off, beside dd on a disk, under a flood;
+// and the daemon at rest.
+#include <fmt/format.h>
 #include <sys/mount.h>
 
-#include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <optional>
 #include <stdexcept>
-#include <vector>
+#include <thread>
+#include <utility>
 
-#include "bench/bench_support.h"
-#include "bench/rig.h"
 #include "bench/runs.h"
+#include "capture/pool_buffer.h"
 #include "tools/common/packet.h"
 
 namespace {
@@ -16,16 +20,6 @@ namespace {
 constexpr double kTmpfsBytes = 200e6;
 constexpr double kDiskBytes = 32e6;
 constexpr double kRateGoal = 0.9;
-constexpr int kDdBlock = 16384;
-
-double RunDd(double bytes) {
-    const std::string output = std::string("of=") + kFlashDirectory + "/dd.out";
-    const std::string count = "count=" + std::to_string(std::lround(bytes / kDdBlock));
-    return SecondsOf([&] {
-        Child dd({"dd", "if=/dev/zero", output, "bs=16k", count, "oflag=sync"}, "dd");
-        if (!dd.Succeeds()) throw std::runtime_error("dd failed");
-    });
-}
 
 // Shows a directory of a disk where the capture stores.
 class DiskMount {
@@ -40,108 +34,123 @@ class DiskMount {
     ~DiskMount() { umount2(kFlashDirectory, MNT_DETACH); }
 };
 
-// Milliseconds of count round trips.
-std::vector<double> TimeRequests(const std::string& program, int count, Flash& flash) {
-    constexpr int kUncounted = 10;
-    constexpr int kRemoveEvery = 20;
-    const std::string request(1, static_cast<char>(kCmdTimeStamp));
-    const Child daemon = StartDaemon(program);
-    DiagClient client = ConnectFromPc();
-    std::vector<double> millis;
-    for (int i = -kUncounted; i < count; ++i) {
-        const double took = SecondsOf([&] { Ask(client, request); });
-        if (i >= 0) millis.push_back(took * 1e3);
-        if (i % kRemoveEvery == 0) flash.RemoveFinished();
+void RunDd(double bytes) {
+    const std::string command =
+        fmt::format("dd if=/dev/zero of={}/dd.out bs=16k count={:.0f} oflag=sync status=none",
+                    kFlashDirectory, bytes / 16384);
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("dd failed");
+}
+
+// The capture's pool without all that is before it.
+void RunPool(double bytes) {
+    constexpr int kChunk = 4096;
+    const std::vector<char> chunk(kChunk);
+    PoolBuffer pool;
+    for (long left = std::lround(bytes / kChunk); left > 0; --left) {
+        if (pool.Read(chunk.data(), kChunk) == 0) throw std::runtime_error("the pool is closed");
     }
-    return millis;
+    pool.Exit();
+    pool.Join();
 }
 
 }  // namespace
 
 void MeasureCapture(const Extent& extent, Report& report) {
-    constexpr double kResidentGoal = 8;
-    const std::string kinds[] = {"capture, all to flash", "capture, a tenth to the tool"};
-    Row rates[] = {{kinds[0], "MB/s"}, {kinds[1], "MB/s"}};
-    Row cpus[] = {{kinds[0] + ", CPU", "s/GB"}, {kinds[1] + ", CPU", "s/GB"}};
-    Row resident{"resident memory, capture on", "MB"};
-    int incomplete = 0;
-    const double bytes = kTmpfsBytes * extent.share;
-    const std::vector<DaemonProgram> daemons = Daemons(extent);
-    for (int round = 0; round < extent.rounds; ++round) {
-        const CaptureResult off = RunCapture(daemons[0].path, Capture::kOff, bytes);
-        for (int turn = 0; turn < 2; ++turn) {
-            const int i = (round + turn) % 2;
-            const Capture kind = i == 0 ? Capture::kAllToFlash : Capture::kTenthToTool;
-            for (size_t j = 0; j < daemons.size(); ++j) {
-                const auto& [name, path] =
-                    daemons[(static_cast<size_t>(round) + j) % daemons.size()];
-                const CaptureResult on = RunCapture(path, kind, bytes);
-                rates[i].Record(name, on.bytes / kMega / on.seconds);
-                cpus[i].Record(name, on.cpuSeconds * kGiga / on.bytes);
-                if (name == daemons[0].name) resident.Record(name, on.residentMegabytes);
-                if (!on.isComplete) ++incomplete;
-            }
-            rates[i].Record("switch off", off.bytes / kMega / off.seconds);
-            cpus[i].Record("switch off", off.cpuSeconds * kGiga / off.bytes);
+    const std::string resident = "resident memory, capture on, MB";
+    const std::pair<Capture, std::string> kinds[] = {
+        {Capture::kAllToFlash, "capture, all to flash"},
+        {Capture::kTenthToTool, "capture, a tenth to the tool"}};
+    std::vector<std::pair<Capture, Contender>> turns;
+    for (const auto& [capture, name] : kinds)
+        for (const Contender& daemon : extent.daemons)
+            turns.emplace_back(capture, daemon);
+    turns.emplace_back(Capture::kOff, extent.daemons[0]);
+    InTurns(extent.rounds, turns, [&](const auto& turn) {
+        const CaptureCost cost = RunCapture(turn.second, turn.first, kTmpfsBytes * extent.share);
+        const bool isOff = turn.first == Capture::kOff;
+        const std::string who = isOff ? "switch off" : turn.second.name;
+        for (const auto& [capture, name] : kinds) {
+            if (!isOff && turn.first != capture) continue;
+            report.Record(name + ", MB/s", who, cost.MegabytesPerSecond());
+            report.Record(name + ", CPU, s/GB", who, cost.SecondsPerGigabyte());
         }
-    }
-    for (int i = 0; i < 2; ++i) {
-        report.AtLeast(kinds[i] + ", of the rate with the switch off",
-                       rates[i].Ratio(rates[i].IndexOf("switch off")), kRateGoal);
-        report.Add(rates[i]);
-        report.Add(cpus[i]);
-    }
-    report.AtMost("capture runs with bytes unaccounted for", incomplete, 0);
-    report.AtMost(resident.what, resident.Figure(), kResidentGoal, " MB");
-    report.Add(resident);
+        if (turn.first == Capture::kTenthToTool) {
+            report.Record(resident, who, cost.residentMegabytes);
+        }
+    });
+    for (const auto& [capture, name] : kinds)
+        report.AddGoal(name + ", MB/s", "switch off", Report::Sense::kAtLeast, kRateGoal);
+    report.AddGoal(resident, "", Report::Sense::kAtMost, 8);
 }
 
 void MeasureDisk(const Extent& extent, Report& report) {
     const DiskMount disk(extent.disk);
+    const std::string rate = "capture on a disk, MB/s";
     const double bytes = kDiskBytes * extent.share;
-    const int turns = 2 * extent.rounds;
-    Row rate{"capture on a disk", "MB/s"};
-    int incomplete = 0;
-    for (int turn = 0; turn < turns; ++turn) {
-        Flash().Clear();
-        if (turn % 4 == 0 || turn % 4 == 3) {  // the first of a round changes
-            const CaptureResult result =
-                RunCapture(BuiltProgram("quillod"), Capture::kAllToFlash, bytes);
-            if (!result.isComplete) ++incomplete;
-            rate.Record("quillod", result.bytes / kMega / result.seconds);
-        } else {
-            rate.Record("dd", bytes / kMega / RunDd(bytes));
-        }
-    }
-    Flash().Clear();
-    report.AtLeast("capture on a disk, of dd's rate", rate.Ratio(), kRateGoal);
-    report.AtMost("capture runs on a disk with bytes unaccounted for", incomplete, 0);
-    report.Add(rate);
+    std::vector<std::pair<std::string, std::function<double()>>> writers;
+    for (const Contender& daemon : extent.daemons)
+        writers.emplace_back(daemon.name, [&] {
+            const Cost cost = RunCapture(daemon, Capture::kAllToFlash, bytes);
+            return cost.seconds * bytes / cost.bytes;
+        });
+    writers.emplace_back("dd", [&] { return SecondsOf([&] { RunDd(bytes); }); });
+    writers.emplace_back("pool alone", [&] { return SecondsOf([&] { RunPool(bytes); }); });
+    InTurns(extent.rounds, writers, [&](const auto& writer) {
+        ClearFlash();
+        report.Record(rate, writer.first, bytes / 1e6 / writer.second());
+    });
+    ClearFlash();
+    report.AddGoal(rate, "dd", Report::Sense::kAtLeast, kRateGoal);
 }
 
 void MeasureFlood(const Extent& extent, Report& report) {
     constexpr double kRequests = 1000;
-    constexpr double kGoal = 20;
-    const auto count = static_cast<int>(kRequests * std::max(0.1, extent.share));
-    Row rate{"captured while the modem floods", "MB/s"};
-    Row median{"round trip while the modem floods, p50", "ms"};
-    Row slow{"round trip while the modem floods, p99", "ms"};
+    constexpr int kUncounted = 10;
+    const std::string request(1, static_cast<char>(kCmdTimeStamp));
+    const std::string slow = "round trip while the modem floods, p99, ms";
     SetProperty(kSwitch, "true");
-    const Modem modem({"--send-logs", "0"});
-    for (int round = 0; round < extent.rounds; ++round) {
-        for (const auto& [name, path] : Daemons(extent)) {
-            Flash flash;
-            std::vector<double> millis;
-            const double seconds =
-                SecondsOf([&, &program = path] { millis = TimeRequests(program, count, flash); });
-            rate.Record(name, static_cast<double>(flash.Bytes()) / kMega / seconds);
-            median.Record(name, Quantile(millis, 0.5));
-            slow.Record(name, Quantile(millis, 0.99));
-            flash.Clear();
+    InTurns(extent.rounds, extent.daemons, [&](const Contender& daemon) {
+        ClearFlash();
+        const Child modem = StartModem({"--send-logs", "0"});
+        const Child relay = daemon.start();
+        DiagClient client = Connect();
+        for (int i = 0; i < kUncounted; ++i)
+            Ask(client, request);
+        std::vector<double> millis;
+        const uint64_t before = CapturedBytes();
+        const double seconds = SecondsOf([&] {
+            while (static_cast<double>(millis.size()) < kRequests * extent.share)
+                millis.push_back(SecondsOf([&] { Ask(client, request); }) * 1e3);
+        });
+        report.Record("captured while the modem floods, MB/s", daemon.name,
+                      static_cast<double>(CapturedBytes() - before) / 1e6 / seconds);
+        report.Record("round trip while the modem floods, p50, ms", daemon.name,
+                      Quantile(millis, 0.5));
+        report.Record(slow, daemon.name, Quantile(millis, 0.99));
+    });
+    report.AddGoal(slow, "", Report::Sense::kAtMost, 20);
+}
+
+void MeasureIdle(const Extent& extent, Report& report) {
+    const std::string rows[] = {"idle, no client, % of a core",
+                                "idle, client, switch off, % of a core",
+                                "idle, client, switch on, % of a core"};
+    constexpr auto kSettling = std::chrono::seconds(1);  // connecting, programming masks
+    const std::chrono::duration<double> time(5 * extent.share);
+    for (const Contender& daemon : extent.daemons) {
+        SetProperty(kSwitch, "false");
+        const Child modem = StartModem();
+        const Child relay = daemon.start();
+        std::optional<DiagClient> client;
+        for (const std::string& row : rows) {
+            if (&row == &rows[1]) client.emplace(Connect());
+            if (&row == &rows[2]) SetProperty(kSwitch, "true");
+            std::this_thread::sleep_for(kSettling);
+            const double before = relay.CpuSeconds();
+            std::this_thread::sleep_for(time);
+            report.Record(row, daemon.name, (relay.CpuSeconds() - before) / time.count() * 100);
         }
     }
-    report.AtMost(slow.what, slow.Figure(), kGoal, " ms");
-    for (const Row& row : {rate, median, slow})
-        report.Add(row);
-    SetProperty(kSwitch, "false");
+    for (const std::string& row : rows)
+        report.AddGoal(row, "", Report::Sense::kAtMost, 1);
 }

@@ -1,78 +1,70 @@
 // Measures the daemon beside other programs at the same job, in rounds in which each has its turn,
-// and holds the figures against the goals. scripts/bench runs it in a handset.
+// and holds the figures against the goals. scripts/bench runs it in a handset, on the PC's side.
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fstream>
-#include <iostream>
-#include <string>
-#include <vector>
+#include <filesystem>
+#include <utility>
 
-#include "bench/bench_support.h"
-#include "bench/rig.h"
 #include "bench/runs.h"
 
 namespace {
 
-struct Subject {
-    std::string name;
-    void (*measure)(const Extent& extent, Report& report);
+using Measure = void (*)(const Extent& extent, Report& report);
+const std::vector<std::pair<std::string, Measure>> kSubjects = {
+    {"relay", MeasureRelay},       {"round-trip", MeasureRoundTrips}, {"capture", MeasureCapture},
+    {"disk", MeasureDisk},         {"flood", MeasureFlood},           {"idle", MeasureIdle},
+    {"splitter", MeasureSplitter},
 };
 
-const Subject kSubjects[] = {
-    {"to-tool", MeasureToTool},  {"to-modem", MeasureToModem},  {"round-trip", MeasureRoundTrips},
-    {"capture", MeasureCapture}, {"disk", MeasureDisk},         {"flood", MeasureFlood},
-    {"idle", MeasureIdle},       {"splitter", MeasureSplitter},
-};
-
-std::vector<std::string> SubjectNames() {
-    std::vector<std::string> names;
-    for (const Subject& subject : kSubjects)
-        names.push_back(subject.name);
-    return names;
+// False when something could not be measured or went wrong; the other subjects have their figures.
+bool MeasureSubjects(const std::vector<std::string>& chosen, const Extent& extent, Report& report) {
+    bool isComplete = true;
+    for (const auto& [name, measure] : kSubjects) {
+        if (!chosen.empty() && std::count(chosen.begin(), chosen.end(), name) == 0) continue;
+        fmt::print(stderr, "{}:", name);
+        try {
+            SetProperty(kSwitch, "false");
+            ClearFlash();
+            measure(extent, report);
+            fmt::print(stderr, "\n");
+        } catch (const std::exception& error) {
+            fmt::print(stderr, "\nbench: {}: {}\n", name, error.what());
+            isComplete = false;
+        }
+    }
+    return isComplete;
 }
-
-}  // namespace
-
-std::vector<DaemonProgram> Daemons(const Extent& extent) {
-    std::vector<DaemonProgram> daemons = {{"quillod", BuiltProgram("quillod")}};
-    if (!extent.other.empty()) daemons.push_back({"other", extent.other});
-    return daemons;
-}
-
-namespace {
 
 int Run(int argc, char** argv) {
-    CLI::App app("Measures the daemon; run it inside a handset");
+    CLI::App app("Measures the daemon; run it inside a handset, on the PC's side");
     std::string json;
+    std::string other;
+    std::vector<std::string> chosen;
     Extent extent;
-    std::vector<std::string> subjects;
     app.add_option("--json", json, "File for all figures")->required();
     app.add_option("--disk", extent.disk, "Directory of a disk")->required();
     app.add_option("--share", extent.share, "Share of the full volumes and times")
         ->check(CLI::Range(0.01, 1.0));
     app.add_option("--rounds", extent.rounds, "Rounds")->check(CLI::Range(1, 1000));
-    app.add_option("--only", subjects, "Measure this subject only; may be given again")
-        ->check(CLI::IsMember(SubjectNames()));
-    app.add_option("--compare", extent.other, "Another quillod, to take turns with")
+    app.add_option("--only", chosen, "Measure this subject only; may be given again")
+        ->check(CLI::IsMember(kSubjects));
+    app.add_option("--compare", other, "Another quillod, which takes its turn")
         ->check(CLI::ExistingFile);
     CLI11_PARSE(app, argc, argv);
-    if (!PrepareLog(argv)) return 1;
+    if (!std::filesystem::exists("/run/netns/pc")) {
+        throw std::runtime_error("run it inside scripts/handset");
+    }
+    extent.daemons.push_back(Daemon("quillod", BuiltProgram("quillod")));
+    if (!other.empty()) extent.daemons.push_back(Daemon("other", other));
 
     Report report;
-    for (const Subject& subject : kSubjects) {
-        const bool isChosen = std::count(subjects.begin(), subjects.end(), subject.name) > 0;
-        if (subjects.empty() || isChosen) subject.measure(extent, report);
-    }
-
-    std::cout << "\n" << MachineText() << "; medians of " << extent.rounds << " rounds\n\n";
-    report.PrintTable(std::cout);
-    std::cout << "\n";
-    report.PrintChart(std::cout);
-    std::cout << "\n";
-    report.PrintGoals(std::cout);
-    std::ofstream file(json);
-    report.WriteJson(file);
-    return file.flush() ? 0 : 1;
+    const bool isComplete = MeasureSubjects(chosen, extent, report);
+    fmt::print("\n{}; medians of {} rounds\n\n", MachineText(), extent.rounds);
+    report.Print();
+    report.Write(json);
+    return isComplete ? 0 : 1;
 }
 
 }  // namespace
@@ -81,7 +73,7 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "bench: " << error.what() << "\n";
+        fmt::print(stderr, "bench: {}\n", error.what());
         return 1;
     }
 }

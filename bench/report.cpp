@@ -4,157 +4,136 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <fstream>
-#include <iostream>
-#include <nlohmann/json.hpp>
 #include <thread>
-
-#include "bench/bench_support.h"
 
 namespace {
 
-constexpr long kBarWidth = 40;
+using Json = nlohmann::ordered_json;
 
-using Cells = std::array<std::string, 4>;
+double Median(const std::vector<double>& values) {
+    return Quantile(values, 0.5);
+}
+
+// Of one contender's values to another's, round by round.
+std::vector<double> Ratios(const Json& values, const Json& others) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < std::min(values.size(), others.size()); ++i)
+        ratios.push_back(values[i].get<double>() / others[i].get<double>());
+    return ratios;
+}
 
 // About three digits, but every digit of what is large.
 std::string Number(double value) {
     return fmt::format("{:.{}f}", value, value < 1 ? 3 : value < 10 ? 2 : value < 100 ? 1 : 0);
 }
 
-// One line for each comparison.
-void AppendLines(std::vector<Cells>& lines, const Row& row) {
-    Cells first = {row.what + ", " + row.unit, Number(row.Figure()), "", ""};
-    if (row.series.size() == 1) lines.push_back(first);
-    for (size_t i = 1; i < row.series.size(); ++i) {
-        if (i > 1) first[0].clear(), first[1].clear();
-        first[2] = row.series[i].who + " " + Number(Median(row.series[i].values));
-        const auto [low, middle, high] = row.Spread(i);
-        first[3] = fmt::format("{:.3f} ({:.3f} to {:.3f})", middle, low, high);
-        lines.push_back(first);
-    }
-}
-
-nlohmann::json JsonOf(const Row& row) {
-    nlohmann::json figures;
-    for (size_t i = 0; i < row.series.size(); ++i) {
-        const Row::Series& series = row.series[i];
-        figures.push_back(
-            {{"who", series.who}, {"median", Median(series.values)}, {"values", series.values}});
-        if (i > 0) figures.back()["ratio"] = row.Ratio(i);
-    }
-    return {{"what", row.what}, {"unit", row.unit}, {"figures", figures}};
-}
-
-}  // namespace
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return (values[(values.size() - 1) / 2] + values[values.size() / 2]) / 2;
-}
-
-size_t Row::IndexOf(const std::string& who) const {
-    const auto it = std::find_if(series.begin(), series.end(),
-                                 [&who](const Series& known) { return known.who == who; });
-    return static_cast<size_t>(it - series.begin());
-}
-
-void Row::Record(const std::string& who, double value) {
-    const size_t index = IndexOf(who);
-    if (index == series.size()) series.push_back({who, {}});
-    series[index].values.push_back(value);
-}
-
-Row::Quartiles Row::Spread(size_t other) const {
-    std::vector<double> ratios;
-    for (size_t i = 0; i < series[0].values.size(); ++i)
-        ratios.push_back(series[0].values[i] / series[other].values[i]);
-    return {Quantile(ratios, 0.25), Median(ratios), Quantile(ratios, 0.75)};
-}
-
-void Report::Add(Row row) {
-    std::cerr << row.what << ", " << row.unit << ":";
-    for (const Row::Series& series : row.series)
-        std::cerr << " " << series.who << " " << Number(Median(series.values));
-    std::cerr << std::endl;
-    mRows.push_back(std::move(row));
-}
-
-void Report::AtLeast(const std::string& what, double value, double limit, const std::string& unit) {
-    mGoals.push_back({what, unit, "at least", value, limit, value - limit});
-}
-
-void Report::AtMost(const std::string& what, double value, double limit, const std::string& unit) {
-    mGoals.push_back({what, unit, "at most", value, limit, limit - value});
-}
-
-// In the form that a README shows as a table, too.
-void Report::PrintTable(std::ostream& out) const {
-    std::vector<Cells> lines = {{"Measured", "quillod", "Beside it", "Ratio (quartiles)"},
-                                {"---", "---", "---", "---"}};
-    for (const Row& row : mRows)
-        AppendLines(lines, row);
-    std::array<size_t, 4> widths{};
-    for (const Cells& line : lines)
-        for (size_t i = 0; i < line.size(); ++i)
-            widths[i] = std::max(widths[i], line[i].size());
-    for (const Cells& line : lines) {
-        for (size_t i = 0; i < line.size(); ++i)
-            out << fmt::format("| {:{}} ", line[i], widths[i]);
-        out << "|\n";
-    }
-}
-
-void Report::PrintChart(std::ostream& out) const {
-    for (const Row& row : mRows) {
-        if (!row.isCharted) continue;
-        out << row.what << ", " << row.unit << "\n";
-        double longest = 0;
-        for (const Row::Series& series : row.series)
-            longest = std::max(longest, Median(series.values));
-        for (const Row::Series& series : row.series) {
-            const double value = Median(series.values);
-            const auto length = std::lround(value / longest * kBarWidth);
-            out << fmt::format("  {:10} {:#>{}} {}\n", series.who, "", length, Number(value));
+// In the form that a README shows as a table, too: a line for each comparison.
+void PrintTable(const Json& rows) {
+    constexpr char kLine[] = "| {:<47} | {:>7} | {:<21} | {:>5} | {:<14} |\n";
+    fmt::print(kLine, "Measured", "quillod", "Beside it", "Ratio", "Quartiles");
+    fmt::print("|{0:-<49}|{0:->9}|{0:-<23}|{0:->7}|{0:-<16}|\n", "");
+    for (const auto& [name, row] : rows.items()) {
+        std::string what = name;
+        std::string figure = Number(Median(row.front()));
+        if (row.size() == 1) fmt::print(kLine, what, figure, "", "", "");
+        for (auto other = std::next(row.begin()); other != row.end(); ++other) {
+            const std::vector<double> ratios = Ratios(row.front(), other.value());
+            fmt::print(
+                kLine, what, figure, other.key() + " " + Number(Median(other.value())),
+                fmt::format("{:.3f}", Median(ratios)),
+                fmt::format("{:.3f} to {:.3f}", Quantile(ratios, 0.25), Quantile(ratios, 0.75)));
+            what.clear();
+            figure.clear();
         }
     }
 }
 
-void Report::PrintGoals(std::ostream& out) const {
-    for (const Goal& goal : mGoals) {
-        out << fmt::format("{} {}: {:.3f}{}, {} {:.3f}{}, by {:.3f}\n",
-                           goal.spare >= 0 ? "met   " : "missed", goal.what, goal.value, goal.unit,
-                           goal.sense, goal.limit, goal.unit, std::abs(goal.spare));
+// Of what has several programs beside it.
+void PrintChart(const Json& rows) {
+    constexpr double kBarWidth = 40;
+    for (const auto& [name, row] : rows.items()) {
+        if (row.size() < 3) continue;
+        double longest = 0;
+        for (const Json& values : row)
+            longest = std::max(longest, Median(values));
+        fmt::print("\n{}\n", name);
+        for (const auto& [who, values] : row.items()) {
+            const double value = Median(values);
+            fmt::print("  {:<15} {:█<{}} {}\n", who, "", std::lround(value / longest * kBarWidth),
+                       Number(value));
+        }
     }
 }
 
-void Report::WriteJson(std::ostream& out) const {
-    nlohmann::json all = {{"machine", MachineText()}, {"rows", {}}, {"goals", {}}};
-    for (const Row& row : mRows)
-        all["rows"].push_back(JsonOf(row));
-    for (const Goal& goal : mGoals) {
-        all["goals"].push_back({{"what", goal.what},
-                                {"value", goal.value},
-                                {"sense", goal.sense},
-                                {"limit", goal.limit},
-                                {"unit", goal.unit},
-                                {"met", goal.spare >= 0}});
+void PrintGoals(const Json& goals) {
+    fmt::print("\n");
+    for (const Json& goal : goals) {
+        fmt::print("{:<6} {}: {:.3f}, {} {}\n", goal["met"].get<bool>() ? "met" : "missed",
+                   goal["what"].get<std::string>(), goal["value"].get<double>(),
+                   goal["sense"].get<std::string>(), goal["limit"].get<double>());
     }
-    out << all.dump(2) << "\n";
+}
+
+}  // namespace
+
+double Quantile(std::vector<double> values, double share) {
+    std::sort(values.begin(), values.end());
+    const double at = share * static_cast<double>(values.size() - 1);
+    const double below = values[static_cast<size_t>(at)];
+    const double above = values[static_cast<size_t>(std::ceil(at))];
+    return below + (above - below) * (at - std::floor(at));
+}
+
+void Report::Record(const std::string& row, const std::string& who, double value) {
+    mRows[row][who].push_back(value);
+}
+
+void Report::AddGoal(const std::string& row, const std::string& beside, Sense sense, double limit) {
+    const Json& series = mRows.at(row);
+    const double value =
+        beside.empty() ? Median(series.front()) : Median(Ratios(series.front(), series.at(beside)));
+    const bool isAtLeast = sense == Sense::kAtLeast;
+    mGoals.push_back({{"what", beside.empty() ? row : row + ", of " + beside},
+                      {"value", value},
+                      {"sense", isAtLeast ? "at least" : "at most"},
+                      {"limit", limit},
+                      {"met", isAtLeast ? value >= limit : value <= limit}});
+}
+
+void Report::Print() const {
+    PrintTable(mRows);
+    PrintChart(mRows);
+    PrintGoals(mGoals);
+}
+
+void Report::Write(const std::string& path) const {
+    Json all = {{"machine", MachineText()}, {"rows", Json::object()}, {"goals", mGoals}};
+    for (const auto& [name, row] : mRows.items()) {
+        for (const auto& [who, values] : row.items()) {
+            Json& figures = all["rows"][name][who];
+            figures["median"] = Median(values);
+            if (values != row.front()) {
+                const std::vector<double> ratios = Ratios(row.front(), values);
+                figures["ratio"] = Median(ratios);
+                figures["quartiles"] = {Quantile(ratios, 0.25), Quantile(ratios, 0.75)};
+            }
+            figures["values"] = values;
+        }
+    }
+    std::ofstream file(path);
+    if (!(file << all.dump(2) << std::endl)) throw std::runtime_error("cannot write " + path);
 }
 
 std::string MachineText() {
     std::string model = "unknown processor";
     std::ifstream info("/proc/cpuinfo");
     for (std::string line; std::getline(info, line);) {
-        if (line.rfind("model name", 0) != 0) continue;
-        model = line.substr(line.find(": ") + 2);
-        break;
+        if (line.rfind("model name", 0) == 0) model = line.substr(line.find(": ") + 2);
     }
     utsname system{};
     uname(&system);
-    return model + ", " + std::to_string(std::thread::hardware_concurrency()) + " cores, Linux " +
-           system.release;
+    return fmt::format("{}, {} cores, Linux {}", model, std::thread::hardware_concurrency(),
+                       system.release);
 }

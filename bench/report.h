@@ -1,67 +1,33 @@
-// What was measured, and how it is told: table, bar chart, JSON, goals.
+// What was measured, and how it is told: table, bar chart, goals, JSON.
 #pragma once
 
-#include <iosfwd>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-double Median(std::vector<double> values);
-
-// One quantity of several contenders, measured in rounds in which each has its turn.
-struct Row {
-    struct Series {
-        std::string who;
-        std::vector<double> values;  // one a round
-    };
-
-    std::string what;
-    std::string unit;
-    bool isCharted = false;
-    std::vector<Series> series{};  // the first is compared with each of the others
-
-    // The first one recorded becomes the first of series.
-    void Record(const std::string& who, double value);
-
-    size_t IndexOf(const std::string& who) const;
-
-    // Median of the first contender's values.
-    double Figure() const { return Median(series[0].values); }
-
-    // Over the rounds, the first contender's value as a share of the other's, 1 for the second
-    // contender.
-    struct Quartiles {
-        double low, median, high;
-    };
-    Quartiles Spread(size_t other) const;
-    double Ratio(size_t other = 1) const { return Spread(other).median; }
-};
+// The value below which the given share of values, at least one, lies; 0.5 for the median.
+double Quantile(std::vector<double> values, double share);
 
 class Report {
   public:
-    // Tells the row's figures on standard error, too: measuring takes minutes.
-    void Add(Row row);
+    // One value of one contender, one a round. A row's first contender is compared with each of the
+    // others: their values of the same round make a ratio. The row's name ends with the unit.
+    void Record(const std::string& row, const std::string& who, double value);
 
-    // Goals, met or missed; unit follows the figures.
-    void AtLeast(const std::string& what, double value, double limit, const std::string& unit = "");
-    void AtMost(const std::string& what, double value, double limit, const std::string& unit = "");
+    // A goal for a row that was measured: for the first contender's figure or, beside another one,
+    // for their ratio.
+    enum class Sense { kAtLeast, kAtMost };
+    void AddGoal(const std::string& row, const std::string& beside, Sense sense, double limit);
 
-    void PrintTable(std::ostream& out) const;
-    void PrintChart(std::ostream& out) const;
-    void PrintGoals(std::ostream& out) const;
-    void WriteJson(std::ostream& out) const;
+    // On the standard output.
+    void Print() const;
+
+    // Throws when the file cannot be written.
+    void Write(const std::string& path) const;
 
   private:
-    struct Goal {
-        std::string what;
-        std::string unit;
-        const char* sense;
-        double value;
-        double limit;
-        double spare;  // by how much it is met; negative when missed
-    };
-
-    std::vector<Row> mRows;
-    std::vector<Goal> mGoals;
+    nlohmann::ordered_json mRows;  // by name, then by contender: its values
+    nlohmann::ordered_json mGoals = nlohmann::ordered_json::array();
 };
 
 // Processor model, number of cores, kernel.

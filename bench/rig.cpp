@@ -8,95 +8,41 @@
 #include <algorithm>
 #include <csignal>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
-#include "tools/common/tool_error.h"
+#include "tools/common/unique_fd.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kDaemonLogFile[] = "/data/quillod.log";
 constexpr char kMaskFile[] = "/vendor/etc/quillod/cfg/DIAG.cfg";
-constexpr char kHandsetAddress[] = "192.168.42.129";
 
-UniqueFd OpenReadable(const char* path) {
-    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() == -1) throw std::runtime_error(std::string("cannot open ") + path);
-    return fd;
-}
-
-// While it lives, this thread's new sockets are on the PC's side.
-class OnPc {
-  public:
-    OnPc() { Enter(mPc.get()); }
-    OnPc(const OnPc&) = delete;
-    OnPc& operator=(const OnPc&) = delete;
-    ~OnPc() { setns(mHandset.get(), CLONE_NEWNET); }
-
-  private:
-    static void Enter(int space) {
-        if (setns(space, CLONE_NEWNET) != 0) throw std::runtime_error("cannot change to the PC");
-    }
-
-    const UniqueFd mHandset = OpenReadable("/proc/self/ns/net");
-    const UniqueFd mPc = OpenReadable("/run/netns/pc");
-};
-
-[[noreturn]] void Execute(std::vector<std::string>& command, const std::string& output) {
-    const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
+[[noreturn]] void Execute(std::vector<std::string>& command) {
+    setns(open("/proc/1/ns/net", O_RDONLY | O_CLOEXEC), CLONE_NEWNET);
+    dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
     for (std::string& word : command)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
+    perror(arguments[0]);
     _exit(127);
-}
-
-// The one that is still written to comes last.
-std::vector<fs::path> LogFiles() {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(kFlashDirectory)) {
-        if (entry.path().extension() == ".qmdl") files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
-        return fs::last_write_time(left) < fs::last_write_time(right);
-    });
-    return files;
-}
-
-std::vector<std::string> ModemCommand(const std::vector<std::string>& arguments) {
-    fs::remove(kModemDevice);
-    std::vector<std::string> command = {BuiltProgram("quilltool"), "modem"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
 }
 
 }  // namespace
 
-Child::Child(std::vector<std::string> command, const std::string& output) : mPid(fork()) {
-    if (mPid == 0) Execute(command, "/data/" + output + ".log");
+Child::Child(std::vector<std::string> command) : mPid(fork()) {
+    if (mPid == 0) Execute(command);
     if (mPid == -1) throw std::runtime_error("cannot start " + command[0]);
 }
 
 Child::~Child() {
-    if (mPid == 0) return;
     kill(mPid, SIGTERM);
     waitpid(mPid, nullptr, 0);
-}
-
-bool Child::Succeeds() {
-    int status = -1;
-    waitpid(mPid, &status, 0);
-    mPid = 0;
-    return status == 0;
 }
 
 double Child::CpuSeconds() const {
@@ -119,33 +65,24 @@ std::string BuiltProgram(const std::string& name) {
     return fs::read_symlink("/proc/self/exe").parent_path() / name;
 }
 
-Child StartDaemon(const std::string& program) {
-    fs::remove(kDaemonLogFile);
-    SetProperty(kLogLevel, "I");
-    fs::copy_file(BuiltProgram("DIAG.cfg"), kMaskFile, fs::copy_options::overwrite_existing);
-    return {{"env", std::string("QUILLOD_LOG_FILE=") + kDaemonLogFile, program}, "daemon"};
+Contender Daemon(const std::string& name, const std::string& program) {
+    return {name, [program] {
+                fs::remove(kDaemonLog);
+                SetProperty(kLogLevel, "I");
+                fs::copy_file(BuiltProgram("DIAG.cfg"), kMaskFile,
+                              fs::copy_options::overwrite_existing);
+                return Child({"env", std::string("QUILLOD_LOG_FILE=") + kDaemonLog, program});
+            }};
 }
 
-std::string DaemonLog() {
-    std::ostringstream text;
-    text << std::ifstream(kDaemonLogFile).rdbuf();
-    return text.str();
+Child StartModem(std::vector<std::string> options) {
+    options.insert(options.begin(), {BuiltProgram("quilltool"), "modem"});
+    return Child(std::move(options));
 }
 
-Modem::Modem(const std::vector<std::string>& arguments) : Child(ModemCommand(arguments), "modem") {
+DiagClient Connect() {
     Await("the modem", [] { return fs::exists(kModemDevice); });
-}
-
-DiagClient ConnectFromPc(uint16_t port) {
-    const OnPc pc;
-    for (const auto until = DiagClient::Clock::now() + kPatience;;) {
-        try {
-            return {kHandsetAddress, port, kPatience};
-        } catch (const ToolError&) {
-            if (DiagClient::Clock::now() > until) throw;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    return {"192.168.42.129", kDaemonPort, kPatience};
 }
 
 std::string_view Ask(DiagClient& client, std::string_view request) {
@@ -172,36 +109,24 @@ void SetProperty(const std::string& name, const std::string& value) {
     fs::rename(directory / ("." + name), directory / name);
 }
 
-uint64_t Flash::Bytes() const {
-    uint64_t bytes = mRemoved;
-    for (const fs::path& file : LogFiles())
+std::vector<fs::path> CapturedFiles() {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(kFlashDirectory)) {
+        if (entry.path().extension() == ".qmdl") files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());  // the time of making is in their names
+    return files;
+}
+
+uint64_t CapturedBytes() {
+    uint64_t bytes = 0;
+    for (const fs::path& file : CapturedFiles())
         bytes += fs::file_size(file);
     return bytes;
 }
 
-uint64_t Flash::FirstFrameSize() const {
-    if (mRemoved > 0) return mFirstFrameSize;
-    const std::vector<fs::path> files = LogFiles();
-    if (files.empty()) return 0;
-    std::string frame;
-    std::ifstream file(files.front(), std::ios::binary);
-    std::getline(file, frame, static_cast<char>(kHdlcFlag));
-    return frame.size() + 1;
-}
-
-void Flash::RemoveFinished() {
-    std::vector<fs::path> files = LogFiles();
-    if (!files.empty()) files.pop_back();
-    if (!files.empty()) mFirstFrameSize = FirstFrameSize();
-    for (const fs::path& file : files) {
-        mRemoved += fs::file_size(file);
-        fs::remove(file);
-    }
-}
-
-void Flash::Clear() {
+void ClearFlash() {
     for (const auto& entry : fs::directory_iterator(kFlashDirectory))
         fs::remove(entry.path());
-    syncfs(OpenReadable(kFlashDirectory).get());
-    mRemoved = 0;
+    syncfs(UniqueFd(open(kFlashDirectory, O_RDONLY | O_CLOEXEC)).get());
 }

@@ -1,10 +1,12 @@
-// The handset as the measurements use it: its processes, properties, flash, and the PC beside it.
+// The handset as the measurements use it, from the PC's side of the link: its processes, properties
+// and flash.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,14 +15,15 @@
 
 inline constexpr char kFlashDirectory[] = "/data/misc/radio";
 inline constexpr char kModemDevice[] = "/dev/ttydiag0";
+inline constexpr char kDaemonLog[] = "/data/quillod.log";
 inline constexpr char kSwitch[] = "persist.vendor.factory.diagdebug";
 inline constexpr char kLogLevel[] = "log.tag";
 inline constexpr auto kPatience = std::chrono::seconds(20);
 
-// A program with its output in /data/OUTPUT.log. Ends with the object, by SIGTERM.
+// A program on the handset's side, its standard output dropped. Ends with the object, by SIGTERM.
 class Child {
   public:
-    Child(std::vector<std::string> command, const std::string& output);
+    explicit Child(std::vector<std::string> command);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
     ~Child();
@@ -29,28 +32,27 @@ class Child {
     double CpuSeconds() const;
     double ResidentMegabytes() const;
 
-    // Waits for its end; whether its status is 0.
-    bool Succeeds();
-
   private:
-    pid_t mPid;  // 0 once it was waited for
+    const pid_t mPid;
+};
+
+// A program between the modem's port and a tool at kDaemonPort.
+struct Contender {
+    std::string name;
+    std::function<Child()> start;
 };
 
 // A program that was built beside this one.
 std::string BuiltProgram(const std::string& name);
 
-// A daemon, logging at level I into a log of its own, with the demo's log masks.
-Child StartDaemon(const std::string& program = BuiltProgram("quillod"));
-std::string DaemonLog();
+// A quillod that logs at level I into a new kDaemonLog, with the demo's log masks.
+Contender Daemon(const std::string& name, const std::string& program);
 
-// The simulated modem, its port in place; arguments go to "quilltool modem".
-class Modem : public Child {
-  public:
-    explicit Modem(const std::vector<std::string>& arguments = {});
-};
+// The simulated modem; options are those of "quilltool modem".
+Child StartModem(std::vector<std::string> options = {});
 
-// A tool on the PC's side, connected as soon as port is served.
-DiagClient ConnectFromPc(uint16_t port = kDaemonPort);
+// A tool, connected as soon as there is a modem and a contender listens.
+DiagClient Connect();
 
 // Returns the answer, which begins as the request does; others are passed over. Valid until the
 // client's next call.
@@ -62,21 +64,9 @@ void Await(const std::string& what, const std::function<bool()>& condition);
 
 void SetProperty(const std::string& name, const std::string& value);
 
-// The log files of the capture. Begins with none.
-class Flash {
-  public:
-    Flash() { Clear(); }
+// The log files of the capture, the oldest first, and the bytes in all of them.
+std::vector<std::filesystem::path> CapturedFiles();
+uint64_t CapturedBytes();
 
-    // Bytes in log files, kept and removed.
-    uint64_t Bytes() const;
-    // Of the first frame of all.
-    uint64_t FirstFrameSize() const;
-    // Keeps a tmpfs from filling up: only the newest file may still be written to.
-    void RemoveFinished();
-    // Removes all and waits until the disk has done so.
-    void Clear();
-
-  private:
-    uint64_t mRemoved = 0;
-    uint64_t mFirstFrameSize = 0;  // known once the first file was removed
-};
+// Removes all that is on flash and waits until the disk has done so.
+void ClearFlash();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <regex.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -28,6 +28,15 @@ namespace fs = std::filesystem;
 std::string Contents(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// pattern: an extended regular expression for a part of text, where . takes line ends, too.
+bool Matches(const std::string& text, const char* pattern) {
+    regex_t regex;
+    EXPECT_EQ(0, regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB));
+    const bool matches = regexec(&regex, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&regex);
+    return matches;
 }
 
 // A TCP port of this machine.
@@ -131,7 +140,7 @@ class Quilltool : public testing::Test {
     struct Call {
         std::string arguments;
         int status;
-        const char* out;  // regular expressions for a part of it; "^$" for nothing
+        const char* out;  // patterns; "^$" for nothing
         const char* err;
     };
     void CheckCalls(const std::vector<Call>& calls) const {
@@ -139,8 +148,8 @@ class Quilltool : public testing::Test {
             SCOPED_TRACE(call.arguments);
             fs::remove(mDirectory + "/out");
             EXPECT_EQ(call.status, Wait(Start("2>err >out " + call.arguments)));
-            EXPECT_TRUE(std::regex_search(Output("out"), std::regex(call.out))) << Output("out");
-            EXPECT_TRUE(std::regex_search(Output("err"), std::regex(call.err))) << Output("err");
+            EXPECT_TRUE(Matches(Output("out"), call.out)) << Output("out");
+            EXPECT_TRUE(Matches(Output("err"), call.err)) << Output("err");
         }
     }
 
@@ -149,8 +158,8 @@ class Quilltool : public testing::Test {
 
 TEST_F(Quilltool, AnswersEveryCall) {
     CheckCalls({
-        {"--version", 0, "^quilltool \\d+\\.\\d+\\.\\d+\n$", "^$"},
-        {"--help", 0, "modem[^]*probe[^]*mask[^]*capture", "^$"},
+        {"--version", 0, "^quilltool [0-9]+\\.[0-9]+\\.[0-9]+\n$", "^$"},
+        {"--help", 0, "modem.*probe.*mask.*capture", "^$"},
         {"", 2, "^$", "there are modem, probe, mask, capture"},
         {"nosuch", 2, "^$", "nosuch is no subcommand; there are modem"},
         {"mask", 2, "^$", "there are compile, print, ranges"},
@@ -160,7 +169,7 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"mask compile nosuch -o new.cfg", 1, "^$", "nosuch: No such file"},
         {"mask compile list", 2, "^$", "--output"},
         {"mask compile list -o captures", 1, "^$", "not a regular file"},
-        {"mask print mask.cfg", 0, "event \\(0x60\\)[^]*time stamp", "^$"},
+        {"mask print mask.cfg", 0, "event \\(0x60\\).*time stamp", "^$"},
         {"mask print --list mask.cfg", 0, "^events on\ntimestamp\n$", "^$"},
         {"mask print bad.cfg", 1, "event", "bad.cfg: offset 5: bad check sequence"},
         {"mask print list", 1, "^$", "list is text.*mask compile"},
@@ -179,14 +188,14 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"capture show captures --code 0x1000-0x1001", 0, "^$", "no such frame"},
         {"capture show cut.qmdl", 1, "mid-frame", "cut frames: 1"},
         {"capture show nosuch", 1, "^$", "nosuch"},
-        {"capture stat captures", 0, "^1 file, 17 bytes\n[^]*answer +1 ", "^$"},
-        {"capture stat captures --json", 0, "\"bytes\": 17,[^]*\"problems\": \\[\\]", "^$"},
+        {"capture stat captures", 0, "^1 file, 17 bytes\n.*answer +1 ", "^$"},
+        {"capture stat captures --json", 0, "\"bytes\": 17,.*\"problems\": \\[\\]", "^$"},
         {"capture stat cut.qmdl", 1, "cut: the file ends", "^$"},
         {"capture stat logs.qmdl", 0,
-         "from 2025-11-01 00:00:01.000 to 2025-11-01 00:00:01.003 UTC, 0.004 s\n[^]*\n"
-         "0x0002 +0 +1 +19\n[^]*\n0x0001 +#{40} +50.0%",
+         "from 2025-11-01 00:00:01.000 to 2025-11-01 00:00:01.003 UTC, 0.004 s\n.*\n"
+         "0x0002 +0 +1 +19\n.*\n0x0001 +#{40} +50.0%",
          "^$"},
-        {"capture show recorded", 0, "^recorded/c[^]*\nrecorded/a[^]*\nrecorded/b[^]*\nrecorded/z",
+        {"capture show recorded", 0, "^recorded/c.*\nrecorded/a.*\nrecorded/b.*\nrecorded/z",
          "^quilltool: recorded: its record file lists gone.qmdl, which is not there\n$"},
         {"capture follow list", 1, "^$", "list"},
         {"capture show captures >/dev/full", 1, "^$", "not be written: No space left"},
@@ -207,7 +216,7 @@ TEST_F(Quilltool, SpeaksWithTheModem) {
     std::thread relay(RelayTools, daemon.fd(), mDirectory + "/line");
     const std::string probe = "probe 127.0.0.1 --port " + daemon.number() + " ";
     CheckCalls({
-        {probe, 0, "^-> version \\(0x00\\), 1 byte: 00\n<- version[^]*FCS good: 00 .*\n$", "^$"},
+        {probe, 0, "^-> version \\(0x00\\), 1 byte: 00\n<- version.*FCS good: 00 .*\n$", "^$"},
         {probe + "--raw --request '4B 00 03 04 0a0D 11 13 1A 7e7F FF'", 0,
          "^13 4B 00 03 04 0A 0D 11 13 1A 7D 5E 7F FF .. .. 7E\n$", "^$"},
         // Left unfinished: the next connection's bytes are no bulk data.

@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 using testing::AssertionResult;
 
 inline constexpr milliseconds kLimit{30000};    // for what must happen
-inline constexpr milliseconds kEndBound{5000};  // for a connection to end
+inline constexpr milliseconds kEndBound{7000};  // for a connection to end
 inline constexpr char kHandset[] = "192.168.42.129";
 inline constexpr char kModemPort[] = "/dev/ttydiag0";
 inline constexpr char kLogSwitch[] = "persist.vendor.factory.diagdebug";
@@ -129,7 +129,7 @@ class Handset {
     std::function<std::string(const std::string& frame)> answer;
     bool captures = false;  // as switched last
     std::minstd_rand random;
-    milliseconds slowest{0};  // of ListensAgain
+    milliseconds slowest{0};  // of UntilListening
 
   private:
     void TakeFromModem();

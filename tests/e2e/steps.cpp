@@ -80,7 +80,7 @@ void FailEverything(Handset& world) {
             world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
             PullLink();
         },
-        milliseconds(8000));
+        milliseconds(20000));
 }
 
 // Back-pressure; with capture on, for some time only.
@@ -95,7 +95,7 @@ void StallTheTool(Handset& world) {
             world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
             world.Finish();
         },
-        milliseconds(8000));
+        milliseconds(20000));
 }
 
 // The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
@@ -137,7 +137,7 @@ void FlapTheLink(Handset& world) {
         SetLink(false);
         world.Until("not listening", [&] { return !world.IsListening(); });
         SetLink(true);
-        world.UntilListening(Clock::now(), milliseconds(1000));
+        world.UntilListening(Clock::now(), milliseconds(2000));
     }
     world.Attach();
     world.Finish();
@@ -153,6 +153,19 @@ void HideThePort(Handset& world) {
     world.tool.Send(kToolMask);
     world.Until("served", [&] { return world.isServing; });
     world.Finish();
+}
+
+// The frames of bytes that are answers of a Mix, whole.
+std::string Answers(const std::string& bytes) {
+    std::string answers;
+    FrameReader reader;
+    for (size_t at = 0; at < bytes.size();) {
+        FrameState state;
+        at += reader.Take(&bytes[at], bytes.size() - at, &state);
+        const bool isAnswer = reader.packet().find_first_of("\x0C\x13\x73") == 0;
+        if (state == FrameState::kGood && isAnswer) answers += Framed(std::string(reader.packet()));
+    }
+    return answers;
 }
 
 // Whether atModem, but for the daemon's own requests, is unit over and over. Each of these stands
@@ -218,6 +231,9 @@ void MoveTheSwitch(Handset& world) {
     EXPECT_LT(cut, moves) << "no frame of the tool was completed";
     EXPECT_LE(requested, world.modem.in.size());
     EXPECT_EQ(count * mix.all.size(), world.tool.in.size() + Captured().size());
+    const std::string answers = Answers(world.tool.in);
+    EXPECT_EQ(count * mix.forTool.size(), answers.size());
+    EXPECT_TRUE(IsBegun(mix.forTool, answers));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <utility>
 
@@ -73,7 +74,7 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "bench: {}\n", error.what());
+        fprintf(stderr, "bench: %s\n", error.what());
         return 1;
     }
 }

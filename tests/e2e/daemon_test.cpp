@@ -8,10 +8,11 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tests/e2e/handset.h"
 #include "tools/common/tool_error.h"
@@ -155,7 +156,11 @@ TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
     expected.c_cflag = CS8 | CREAD | CLOCAL | CRTSCTS | CSTOPB | HUPCL;
     expected.c_lflag = IEXTEN | TOSTOP;
     cfsetspeed(&expected, B115200);
-    EXPECT_EQ(0, memcmp(&expected, &line, sizeof(line)));
+    const auto fields = [](const termios& of) {
+        return std::vector<tcflag_t>{of.c_iflag, of.c_oflag, of.c_cflag, of.c_lflag};
+    };
+    EXPECT_EQ(fields(expected), fields(line));
+    EXPECT_TRUE(std::equal(expected.c_cc, expected.c_cc + NCCS, line.c_cc));
 }
 
 }  // namespace

@@ -75,12 +75,12 @@ TEST(LinkMonitor, ClassifiesMessages) {
         {"longer name", Link(kUp, kUp, Name("usb01")), kNone},
         {"name without end", Link(kUp, kUp, Attribute(IFLA_IFNAME, "usb0")), kNone},
         {"name behind others", Link(kUp, kUp, Attribute(IFLA_MTU, "x") + Name("usb0")), kUpdated},
-        {"of another type", Link(kUp, kUp, Attribute(IFLA_QDISC, {"usb0", 5})), kNone},
+        {"of another type", Link(kUp, kUp, Attribute(IFLA_QDISC, {"usb0\0", 5})), kNone},
         {"second name", Link(kUp, kUp, Name("eth0") + Name("usb0")), kUpdated},
         {"three bytes", Link(kUp, kUp, "abc"), kNone},
         {"too short length", Link(kUp, kUp, Attribute(IFLA_MTU, "", -1) + Name("usb0")), kNone},
         {"no length", Link(kUp, kUp, std::string(16, '\0')), kNone},
-        {"past the end", Link(kUp, kUp, Attribute(IFLA_IFNAME, {"usb0", 5}, 4)), kNone},
+        {"past the end", Link(kUp, kUp, Attribute(IFLA_IFNAME, {"usb0\0", 5}, 4)), kNone},
         {"no room for the interface", Message(RTM_NEWLINK, std::string(15, '\0')), kNone},
     };
     const TempDir properties;

@@ -65,7 +65,7 @@ TEST(Platform, PropertyIsItsFileCutTo91Bytes) {
         const int len = property_get(key, value.data(), fallback);
         EXPECT_EQ("########", value.substr(PROPERTY_VALUE_MAX));
         EXPECT_EQ(static_cast<size_t>(len), strlen(value.c_str()));
-        return std::string(value.c_str());
+        return value.substr(0, static_cast<size_t>(len));
     };
     const std::string x90(90, 'x'), x91(91, 'x');
     const std::pair<std::string, std::string> kRows[] = {

@@ -81,7 +81,7 @@ std::string ParseHex(std::string_view text, std::string* bytes) {
 }
 
 std::string ParseSize(std::string_view text, uint64_t* bytes) {
-    const std::string error = fmt::format("not a size such as 20000000, 300M or 1G: {}", text);
+    std::string error = fmt::format("not a size such as 20000000, 300M or 1G: {}", text);
     const uint64_t unit = text.empty() ? 1 : SizeUnit(text.back());
     if (unit != 1) text.remove_suffix(1);
     if (text.empty()) return error;

@@ -3,8 +3,9 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 
+#include <regex.h>
+
 #include <cstring>
-#include <regex>
 
 #include "tests/unit/support/temp_dir.h"
 
@@ -36,8 +37,10 @@ TEST(Platform, LogHasOneLineForEachMessageAtItsLevel) {
              "grep -q 2 r",
          "", ""},
     };
-    const std::regex form(
-        R"([0-9-]{5} [0-9:.]{12} [ 0-9]{4,}[0-9] [ 0-9]{4,}[0-9] ([A-Z]) [a-z]+: )");
+    regex_t form;
+    ASSERT_EQ(
+        0, regcomp(&form, "^[0-9-]{5} [0-9:.]{12} [ 0-9]{4,}[0-9] [ 0-9]{4,}[0-9] ([A-Z]) [a-z]+: ",
+                   REG_EXTENDED));
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.name);
         const TempDir dir;
@@ -47,14 +50,15 @@ TEST(Platform, LogHasOneLineForEachMessageAtItsLevel) {
         std::string levels;
         std::ifstream out(dir / "out");
         for (std::string line; std::getline(out, line);) {
-            std::smatch header;
-            const std::string start = line.substr(0, 60);
-            ASSERT_TRUE(std::regex_search(start, header, form) && header.position() == 0) << start;
-            EXPECT_EQ(line, header.str() + row.text.substr(0, 4095 - header.str().size()));
-            levels += header.str(1);
+            regmatch_t match[2];
+            ASSERT_EQ(0, regexec(&form, line.c_str(), 2, match, 0)) << line.substr(0, 60);
+            const auto header = static_cast<size_t>(match[0].rm_eo);
+            EXPECT_EQ(line, line.substr(0, header) + row.text.substr(0, 4095 - header));
+            levels += line[static_cast<size_t>(match[1].rm_so)];
         }
         EXPECT_EQ(row.levels, levels);
     }
+    regfree(&form);
 }
 
 TEST(Platform, PropertyIsItsFileCutTo91Bytes) {

@@ -18,6 +18,9 @@ TEST(BoundedWrite, EndsWithTheWatchersSecondCall) {
     EndLongWrite();
     auto written = std::async(std::launch::async,
                               [&] { return WriteBounded(port, bytes.data(), bytes.size()); });
+    // It has begun once its first bytes are there; a call before that would end it without any.
+    pollfd begun = {line, POLLIN, 0};
+    ASSERT_EQ(1, poll(&begun, 1, 20000));
     while (written.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
         EndLongWrite();
     const auto taken = static_cast<size_t>(written.get());

@@ -123,7 +123,9 @@ void Transfer(Handset& world) {
     const Mix mix(world.random, world.UpTo(4'000'000), world.captures);
     const std::string toModem = Mix(world.random, world.UpTo(500'000), false).all;
     world.Attach();
-    EXPECT_TRUE(Same("", WithoutOwnRequests(world.begun)));
+    // The tool before may have left half a frame, which the daemon then ends for its own requests.
+    const bool isEnded = world.begun.size() > 1 && world.begun[0] == '\x7E';
+    EXPECT_TRUE(Same("", WithoutOwnRequests(world.begun.substr(isEnded ? 1 : 0))));
     world.modem.Send(mix.all);
     world.tool.Send(toModem);
     EXPECT_TRUE(world.Gets(world.tool, mix.forTool));

@@ -25,19 +25,19 @@ constexpr double kRateGoal = 0.9;
 class DiskMount {
   public:
     explicit DiskMount(const std::string& directory) {
-        if (mount(directory.c_str(), kFlashDirectory, nullptr, MS_BIND, nullptr) != 0) {
+        if (mount(directory.c_str(), kCaptureDirectory, nullptr, MS_BIND, nullptr) != 0) {
             throw std::runtime_error("cannot mount " + directory);
         }
     }
     DiskMount(const DiskMount&) = delete;
     DiskMount& operator=(const DiskMount&) = delete;
-    ~DiskMount() { umount2(kFlashDirectory, MNT_DETACH); }
+    ~DiskMount() { umount2(kCaptureDirectory, MNT_DETACH); }
 };
 
 void RunDd(double bytes) {
     const std::string command =
         fmt::format("dd if=/dev/zero of={}/dd.out bs=16k count={:.0f} oflag=sync status=none",
-                    kFlashDirectory, bytes / 16384);
+                    kCaptureDirectory, bytes / 16384);
     if (std::system(command.c_str()) != 0) throw std::runtime_error("dd failed");
 }
 
@@ -108,7 +108,7 @@ void MeasureFlood(const Extent& extent, Report& report) {
     constexpr int kUncounted = 10;
     const std::string request(1, static_cast<char>(kCmdTimeStamp));
     const std::string slow = "round trip while the modem floods, p99, ms";
-    SetProperty(kSwitch, "true");
+    SetProperty(kLogSwitch, "true");
     InTurns(extent.rounds, extent.daemons, [&](const Contender& daemon) {
         ClearFlash();
         const Child modem = StartModem({"--send-logs", "0"});
@@ -138,13 +138,13 @@ void MeasureIdle(const Extent& extent, Report& report) {
     constexpr auto kSettling = std::chrono::seconds(1);  // connecting, programming masks
     const std::chrono::duration<double> time(5 * extent.share);
     for (const Contender& daemon : extent.daemons) {
-        SetProperty(kSwitch, "false");
+        SetProperty(kLogSwitch, "false");
         const Child modem = StartModem();
         const Child relay = daemon.start();
         std::optional<DiagClient> client;
         for (const std::string& row : rows) {
             if (&row == &rows[1]) client.emplace(Connect());
-            if (&row == &rows[2]) SetProperty(kSwitch, "true");
+            if (&row == &rows[2]) SetProperty(kLogSwitch, "true");
             std::this_thread::sleep_for(kSettling);
             const double before = relay.CpuSeconds();
             std::this_thread::sleep_for(time);

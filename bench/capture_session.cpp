@@ -124,7 +124,7 @@ class FrameModem {
     }
 
     const std::string& mFrames;
-    PtyLine mLine{kModemDevice};
+    PtyLine mLine{kModemPort};
     SimModem mModem{{}};
     std::atomic<bool> mIsProgrammed{false};
     std::atomic<uint64_t> mBytesLeft{0};  // of the frames
@@ -198,7 +198,7 @@ class Session {
         mClient.reset();
         Await("the daemon's count", [] { return LogHas("mTotalLengthForLogDataWriteToAp"); });
         std::string firstFrame;
-        std::ifstream file(CapturedFiles().front(), std::ios::binary);
+        std::ifstream file(CaptureFiles().front(), std::ios::binary);
         std::getline(file, firstFrame, static_cast<char>(kHdlcFlag));
         if (!LogHas(fmt::format("SavedToFlash:{}, WriteToAP:{},", mSent, mForTool)) ||
             LogHas("Data number is not equal") ||
@@ -222,6 +222,6 @@ class Session {
 
 CaptureCost RunCapture(const Contender& daemon, Capture capture, double bytes) {
     ClearFlash();
-    SetProperty(kSwitch, capture == Capture::kOff ? "false" : "true");
+    SetProperty(kLogSwitch, capture == Capture::kOff ? "false" : "true");
     return Session(daemon, capture).Run(bytes);
 }

@@ -26,7 +26,7 @@ bool MeasureSubjects(const std::vector<std::string>& chosen, const Extent& exten
         if (!chosen.empty() && std::count(chosen.begin(), chosen.end(), name) == 0) continue;
         fmt::print(stderr, "{}:", name);
         try {
-            SetProperty(kSwitch, "false");
+            SetProperty(kLogSwitch, "false");
             ClearFlash();
             measure(extent, report);
             fmt::print(stderr, "\n");

@@ -18,8 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kMaskFile[] = "/vendor/etc/quillod/cfg/DIAG.cfg";
-
 [[noreturn]] void Execute(std::vector<std::string>& command) {
     setns(open("/proc/1/ns/net", O_RDONLY | O_CLOEXEC), CLONE_NEWNET);
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
@@ -69,7 +67,7 @@ Contender Daemon(const std::string& name, const std::string& program) {
     return {name, [program] {
                 fs::remove(kDaemonLog);
                 SetProperty(kLogLevel, "I");
-                fs::copy_file(BuiltProgram("DIAG.cfg"), kMaskFile,
+                fs::copy_file(BuiltProgram("DIAG.cfg"), kMaskDirectory + std::string("DIAG.cfg"),
                               fs::copy_options::overwrite_existing);
                 return Child({"env", std::string("QUILLOD_LOG_FILE=") + kDaemonLog, program});
             }};
@@ -81,8 +79,8 @@ Child StartModem(std::vector<std::string> options) {
 }
 
 DiagClient Connect() {
-    Await("the modem", [] { return fs::exists(kModemDevice); });
-    return {"192.168.42.129", kDaemonPort, kPatience};
+    Await("the modem", [] { return fs::exists(kModemPort); });
+    return {kHandset, kDaemonPort, kPatience};
 }
 
 std::string_view Ask(DiagClient& client, std::string_view request) {
@@ -103,30 +101,15 @@ void Await(const std::string& what, const std::function<bool()>& condition) {
     }
 }
 
-void SetProperty(const std::string& name, const std::string& value) {
-    const fs::path directory = "/data/property";
-    std::ofstream(directory / ("." + name)) << value;
-    fs::rename(directory / ("." + name), directory / name);
-}
-
-std::vector<fs::path> CapturedFiles() {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(kFlashDirectory)) {
-        if (entry.path().extension() == ".qmdl") files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());  // the time of making is in their names
-    return files;
-}
-
 uint64_t CapturedBytes() {
     uint64_t bytes = 0;
-    for (const fs::path& file : CapturedFiles())
+    for (const std::string& file : CaptureFiles())
         bytes += fs::file_size(file);
     return bytes;
 }
 
 void ClearFlash() {
-    for (const auto& entry : fs::directory_iterator(kFlashDirectory))
+    for (const auto& entry : fs::directory_iterator(kCaptureDirectory))
         fs::remove(entry.path());
-    syncfs(UniqueFd(open(kFlashDirectory, O_RDONLY | O_CLOEXEC)).get());
+    syncfs(UniqueFd(open(kCaptureDirectory, O_RDONLY | O_CLOEXEC)).get());
 }

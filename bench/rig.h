@@ -12,11 +12,9 @@
 #include <vector>
 
 #include "tools/common/diag_client.h"
+#include "tools/common/handset.h"
 
-inline constexpr char kFlashDirectory[] = "/data/misc/radio";
-inline constexpr char kModemDevice[] = "/dev/ttydiag0";
 inline constexpr char kDaemonLog[] = "/data/quillod.log";
-inline constexpr char kSwitch[] = "persist.vendor.factory.diagdebug";
 inline constexpr char kLogLevel[] = "log.tag";
 inline constexpr auto kPatience = std::chrono::seconds(20);
 
@@ -62,11 +60,7 @@ std::string_view Ask(DiagClient& client, std::string_view request);
 // kPatience.
 void Await(const std::string& what, const std::function<bool()>& condition);
 
-void SetProperty(const std::string& name, const std::string& value);
-
-// The log files of the capture, the oldest first, and the bytes in all of them.
-std::vector<std::filesystem::path> CapturedFiles();
-uint64_t CapturedBytes();
+uint64_t CapturedBytes();  // in all capture files
 
 // Removes all that is on flash and waits until the disk has done so.
 void ClearFlash();

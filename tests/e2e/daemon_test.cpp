@@ -90,18 +90,6 @@ TEST_F(Process, RefusesASecondToolUntilTheFirstIsGone) {
     EXPECT_TRUE(Exchange());
 }
 
-TEST_F(Process, StartedAnewServesAgain) {
-    Start(true);
-    tool.Send("half a fra");
-    EXPECT_TRUE(Gets(modem, "half a fra"));
-    StopDaemon();
-    UntilClosed();
-    StartDaemon();
-    Attach();
-    EXPECT_TRUE(Same(kFileMask, begun));
-    EXPECT_TRUE(Exchange());
-}
-
 TEST_F(Process, ServesTheNextToolAfterASignal) {
     const auto interrupt = [this](int signal) {
         Until("sleeping in select", [this] {
@@ -129,6 +117,12 @@ TEST_F(Process, WithoutModemPortTriesTenTimes) {
     EXPECT_NE(std::string::npos, Log().find("on try 9: "));
     EXPECT_EQ(std::string::npos, Log().find("on try 10: "));
     UntilListening();
+    const size_t from = Log().size();
+    Connect();
+    UntilLogged("on try 1: No such file", from);
+    std::filesystem::rename("/dev/hidden", kModemPort);
+    tool.Send(kToolMask);
+    Until("served", [this] { return isServing; });
 }
 
 TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
@@ -161,6 +155,46 @@ TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
     };
     EXPECT_EQ(fields(expected), fields(line));
     EXPECT_TRUE(std::equal(expected.c_cc, expected.c_cc + NCCS, line.c_cc));
+}
+
+// Both programs of the PC, with the daemon between them.
+TEST_F(Process, RelaysBetweenToolAndSimulatedModem) {
+    const auto run = [](const std::string& arguments) {
+        return WEXITSTATUS(system(("$QUILLTOOL_BIN " + arguments).c_str()));
+    };
+    BreakLine();
+    run("modem --at /dev/ttydiag0 --verbose --send-logs 500 >/data/trace 2>&1 & echo $! "
+        ">/data/modem");
+    Until("the modem",
+          [] { return Contents("/data/trace").find("ready at") != std::string::npos; });
+    SetProperty("ro.blan.interface", "lo");
+    StartDaemon();
+    const struct {
+        const char* arguments;
+        int status;
+        const char* pattern;  // of a part of the output
+    } kRows[] = {
+        {"", 0, "^-> version \\(0x00\\), 1 byte: 00\n<- version.*FCS good: 00 .*\n$"},
+        {"--raw --request '4B 00 03 04 0a0D 11 13 1A 7e7F FF'", 0,
+         "^13 4B 00 03 04 0A 0D 11 13 1A 7D 5E 7F FF .. .. 7E\n$"},
+        // Left unfinished: the next connection's bytes are no bulk data.
+        {"--timeout 0.3 --request FA520500000000000000", 1, "in time to FA 52"},
+        {"--bulk 300k", 0, "-> 300000 bytes.*every byte right.*<- 300000 bytes.*right\n$"},
+        {"--mask 0x1003,0xB0C0-0xB0C1 --get-mask | grep -m1 -B99 '<-.*0xB0C1, FCS good'", 0,
+         "\n0x1003\n0xB0C0-0xB0C1\n<- log packet"},
+    };
+    for (const auto& row : kRows) {
+        UntilListening();
+        EXPECT_EQ(row.status,
+                  run(std::string("probe 127.0.0.1 ") + row.arguments + " >/data/out 2>&1"));
+        EXPECT_TRUE(Matches(Contents("/data/out"), row.pattern)) << Contents("/data/out");
+    }
+    UntilListening();  // the ranges come among the logs that the tool before has left on
+    run("mask ranges 127.0.0.1 >/data/out");
+    EXPECT_EQ("width 1 4095\nwidth 4 2320\nwidth 5 2144\nwidth 7 2672\nwidth 11 2560\n",
+              Contents("/data/out"));
+    kill(std::stoi(Contents("/data/modem")), SIGTERM);
+    Until("the line's end", [] { return !std::filesystem::exists("/dev/ttydiag0"); });
 }
 
 }  // namespace

@@ -25,8 +25,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kPropertyDirectory[] = "/data/property/";
-
 // Sends the next piece by way of write(bytes, count), which returns how many were taken.
 template <typename Write>
 void SendSome(Side& side, Write write) {
@@ -41,12 +39,6 @@ void SetLink(bool isUp) {
     if (system(isUp ? "ip link set usb0 up" : "ip link set usb0 down") != 0) ADD_FAILURE();
 }
 
-void SetProperty(const std::string& name, const std::string& value) {
-    const std::string path = kPropertyDirectory + name;
-    Store(path + ".new", value);
-    fs::rename(path + ".new", path);
-}
-
 std::string Contents(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -54,15 +46,6 @@ std::string Contents(const std::string& path) {
 
 void Store(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::vector<std::string> CaptureFiles() {
-    std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator(kCaptureDirectory)) {
-        if (entry.path().extension() == ".qmdl") files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
 }
 
 std::string Captured() {
@@ -103,11 +86,11 @@ Handset::Handset() {
         return isServing || isMute ? "" : Framed("\x0C answer");
     };
     MakeLine();
-    for (const std::string& directory : {kMaskDirectory, kCaptureDirectory}) {
+    for (const char* directory : {kMaskDirectory, kCaptureDirectory}) {
         fs::remove_all(directory);
         fs::create_directories(directory);
     }
-    Store(kMaskDirectory + "DIAG.cfg", kFileMask);
+    Store(kMaskFile, kFileMask);
 }
 
 Handset::~Handset() {

@@ -16,6 +16,7 @@
 
 #include "tests/support/bytes.h"
 #include "tools/common/diag_client.h"
+#include "tools/common/handset.h"
 #include "tools/modem/pty_line.h"
 
 namespace e2e {
@@ -26,12 +27,8 @@ using testing::AssertionResult;
 
 inline constexpr milliseconds kLimit{30000};    // for what must happen
 inline constexpr milliseconds kEndBound{7000};  // for a connection to end
-inline constexpr char kHandset[] = "192.168.42.129";
-inline constexpr char kModemPort[] = "/dev/ttydiag0";
-inline constexpr char kLogSwitch[] = "persist.vendor.factory.diagdebug";
-inline constexpr char kMaskProperty[] = "persist.vendor.factory.logmask";
-inline const std::string kMaskDirectory = "/vendor/etc/quillod/cfg/";
-inline const std::string kCaptureDirectory = "/data/misc/radio/";
+
+inline const std::string kMaskFile = kMaskDirectory + std::string("DIAG.cfg");
 
 // The daemon's own requests: of the log-mask file, and to switch the modem's logging off.
 inline const std::string kFileMask = Framed(SetMask(4, "\x03"));
@@ -41,11 +38,9 @@ inline const std::string kDisableRequests =
 inline const std::string kToolMask = Framed(SetMask(1, MaskOf({0x000, 0x17E})));
 
 void SetLink(bool isUp);
-void SetProperty(const std::string& name, const std::string& value);
 std::string Contents(const std::string& path);
 void Store(const std::string& path, const std::string& bytes);
-std::vector<std::string> CaptureFiles();  // oldest first
-std::string Captured();                   // all bytes of these
+std::string Captured();  // all bytes of the capture files
 // What came to the modem, without the daemon's own requests above.
 std::string WithoutOwnRequests(std::string atModem);
 

@@ -8,25 +8,6 @@ namespace {
 
 using LogMasks = HandsetTest;
 
-TEST_F(LogMasks, AreThoseOfTheFileThatThePropertyNames) {
-    static constexpr struct {
-        const char* property;
-        bool isLte;
-    } kRows[] = {
-        {nullptr, false}, {"", false}, {"LTE", true}, {"gsm", false}, {"../cfg/lte", false}};
-    const std::string lte = Framed("\x0C lte");
-    Store(kMaskDirectory + "lte.cfg", lte);
-    for (const char* decoy : {"LTE.cfg", "diag.cfg", ".cfg"})
-        Store(kMaskDirectory + decoy, Framed("\x0C decoy"));
-    for (const auto& row : kRows) {
-        if (row.property != nullptr) SetProperty(kMaskProperty, row.property);
-        Start(true);
-        EXPECT_TRUE(Same(row.isLte ? lte : kFileMask, begun)) << row.property;
-        EXPECT_TRUE(Exchange()) << "replies relayed";
-        StopDaemon();
-    }
-}
-
 TEST_F(LogMasks, AreDisabledAtTheEndAndOnceMoreWhenSwitchedOffBetween) {
     Start(true);
     Finish();
@@ -77,7 +58,7 @@ TEST_F(LogMasks, AreEndedBeforeTheToolsBytesWhenTheyAreCut) {
     std::string file;
     for (int i = 0; i < 20; ++i)
         file += Framed(request);
-    Store(kMaskDirectory + "DIAG.cfg", file);
+    Store(kMaskFile, file);
     for (const bool fromTheStart : {true, false}) {
         Switch(fromTheStart);
         modem.takes = !fromTheStart;

@@ -2,8 +2,6 @@
 
 #include <sys/socket.h>
 
-#include <filesystem>
-
 #include "tools/modem/sim_modem.h"
 
 namespace e2e {
@@ -145,18 +143,6 @@ void FlapTheLink(Handset& world) {
     world.Finish();
 }
 
-void HideThePort(Handset& world) {
-    const std::string missed = "on try " + std::to_string(world.UpTo(3)) + ": No such file";
-    const size_t from = world.Log().size();
-    std::filesystem::rename(kModemPort, "/dev/hidden");
-    world.Connect();
-    world.UntilLogged(missed, from);
-    std::filesystem::rename("/dev/hidden", kModemPort);
-    world.tool.Send(kToolMask);
-    world.Until("served", [&] { return world.isServing; });
-    world.Finish();
-}
-
 // The frames of bytes that are answers of a Mix, whole.
 std::string Answers(const std::string& bytes) {
     std::string answers;
@@ -277,7 +263,6 @@ const std::vector<Step> kSteps = {
     // Nor does the news of its end come: it stands behind bytes that find no room in the socket.
     {"ToolThatLeavesAFullSocket",
      [](Handset& world) { StallTheModem(world, 150'000, true, false); }, false},
-    {"PortThatComesLate", HideThePort, false},
     {"SwitchMoves", MoveTheSwitch, false},
 };
 

@@ -1,6 +1,8 @@
-// The modem's stream between tool and flash, in chunks that the input cuts.
-// Input: flags, number of cuts, cuts, stream. Flags: 1 the tool wants codes, 2 the cuts' lowest
-// bits switch capture. A cut below 128 is the length of a chunk, others stand for 32 times as much.
+// The modem's stream between tool and flash, in chunks that the input cuts, and the tool's
+// requests. Input: flags, number of cuts, cuts, with flag 4 the length of a request and the
+// request, stream. Flags: 1 the tool wants codes, 2 the cuts' lowest bits switch capture, 4 the
+// tool has sent the request. A cut below 128 is the length of a chunk, others stand for 32 times as
+// much.
 #include "buffer/stream_splitter.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/bytes.h"
@@ -23,13 +25,22 @@ struct Divided {
     uint64_t both = 0;
 };
 
-Divided Divide(const std::string& stream, const std::string& cuts, bool isAsked, bool isSwitched) {
-    static ToolLogRequests& requests = *new ToolLogRequests;
-    const std::string request = Framed(SetMask(4, MaskOf({isAsked ? 3U : 8U, 0x11C, 0x77E})));
-    requests.Record(request.data(), static_cast<int>(request.size()));
+ToolLogRequests& gRequests = *new ToolLogRequests;
+
+// Of the tool, framed; merged with a request of the capture if it has an equipment id.
+void Take(const std::string& request) {
+    const int id = gRequests.Record(request.data(), static_cast<int>(request.size()));
+    if (id < 0) return;
+    const std::string capture = SetMask(static_cast<uint32_t>(id), std::string(16, '\x41'));
+    static char merged[kDiagAreaSize];
+    const int len = gRequests.Merge(id, capture.data(), static_cast<int>(capture.size()), merged);
+    Check(len <= kDiagAreaSize, "a merged request is bounded");
+}
+
+Divided Divide(const std::string& stream, const std::string& cuts, bool isSwitched) {
     const std::atomic<bool> areAnswersRewritten{true};
     Divided divided;
-    StreamSplitter<Divided> splitter(requests, areAnswersRewritten, divided);
+    StreamSplitter<Divided> splitter(gRequests, areAnswersRewritten, divided);
     size_t next = 0;
     for (size_t at = 0, len = 0; at < stream.size(); at += len) {
         const auto cut = next < cuts.size() ? static_cast<unsigned char>(cuts[next++]) : 255U;
@@ -76,10 +87,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);
     const uint8_t flags = input.Byte();
     const std::string cuts = input.Bytes(input.Byte());
+    for (uint32_t id = 0; id < kEquipmentIds; ++id)
+        Take(Framed(SetMask(id, "")));
+    Take(Framed(SetMask(4, MaskOf({(flags & 1) != 0 ? 3U : 8U, 0x11C, 0x77E}))));
+    if ((flags & 4) != 0) Take(input.Runs(input.Byte()).substr(0, kDiagAreaSize - 1));
     const std::string stream = input.Runs(SIZE_MAX);
-    const Divided cut = Divide(stream, cuts, (flags & 1) != 0, (flags & 2) != 0);
+    const Divided cut = Divide(stream, cuts, (flags & 2) != 0);
     if ((flags & 2) != 0) return 0;
-    const Divided whole = Divide(stream, "", (flags & 1) != 0, false);
+    const Divided whole = Divide(stream, "", false);
     Check(whole.flash == OwnFrames(stream), "flash has the modem's own frames");
     Check(cut.flash == whole.flash, "cuts change nothing on flash");
     // A log packet's head with doubled escapes is given up when it is cut.

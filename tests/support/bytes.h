@@ -2,30 +2,54 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <regex.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "diag/hdlc.h"
+#include "tools/common/frame_stream.h"
 #include "tools/common/frame_text.h"
+#include "tools/common/mask_requests.h"
+#include "tools/common/packet.h"
 
-inline std::string Hex(const char* text) {
+using Lines = std::vector<std::string>;
+
+inline std::string Hex(std::string_view text) {
     std::string bytes;
     EXPECT_EQ("", ParseHex(text, &bytes));
     return bytes;
 }
 
 inline std::string Le32(uint32_t value) {
-    return {static_cast<char>(value), static_cast<char>(value >> 8), static_cast<char>(value >> 16),
-            static_cast<char>(value >> 24)};
+    std::string bytes;
+    AppendLe32(bytes, value);
+    return bytes;
 }
 
-inline std::string Framed(const std::string& packet) {
-    char framed[kDiagAreaSize];
-    const int len = EncodeFrame(packet.data(), static_cast<int>(packet.size()), framed);
-    return {framed, static_cast<size_t>(len)};
+inline std::string Framed(std::string_view packet) {
+    std::string frame;
+    AppendFrame(frame, packet);
+    return frame;
+}
+
+inline std::string HexFrame(std::string_view packet) {
+    return Framed(Hex(packet));
+}
+
+// The packets of framed bytes in hexadecimal; "?" for a frame that is not good.
+inline Lines Packets(std::string_view wire) {
+    Lines packets;
+    FrameReader reader;
+    while (!wire.empty()) {
+        FrameState state;
+        wire.remove_prefix(reader.Take(wire.data(), wire.size(), &state));
+        if (state == FrameState::kIncomplete) continue;
+        packets.push_back(state == FrameState::kGood ? FormatHex(reader.packet(), SIZE_MAX) : "?");
+    }
+    return packets;
 }
 
 // A mask with these items' bits set, as long as the last of them needs, but at least a byte.
@@ -40,7 +64,7 @@ inline std::string MaskOf(const std::vector<uint32_t>& items) {
 
 // Set-mask request of the tool or the capture, one bit for each bit of the mask; not framed.
 inline std::string SetMask(uint32_t id, const std::string& mask) {
-    return Le32(0x73) + Le32(3) + Le32(id) + Le32(static_cast<uint32_t>(8 * mask.size())) + mask;
+    return MakeSetMask({id, static_cast<uint32_t>(8 * mask.size()), mask});
 }
 
 // The modem's framed answer to such a request (operation 3), or to one for the mask (operation 4).
@@ -62,6 +86,15 @@ inline std::string Pattern(size_t count, unsigned seed = 0) {
         bytes[i] = byte == 0x4B ? 'k' : byte;
     }
     return bytes;
+}
+
+// pattern: an extended regular expression for a part of text, where . takes line ends, too.
+inline bool Matches(const std::string& text, const char* pattern) {
+    regex_t regex;
+    EXPECT_EQ(0, regcomp(&regex, pattern, REG_EXTENDED | REG_NOSUB));
+    const bool matches = regexec(&regex, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&regex);
+    return matches;
 }
 
 // Whether both are equal; tells the lengths and the first difference otherwise.

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
-#include <string>
 
 #include "tests/unit/support/descriptors.h"
 
@@ -14,31 +12,20 @@ using Wait = BlockQueue::Wait;
 using Work = BlockQueue::Work;
 constexpr std::chrono::milliseconds kNow(0);
 
-class BlockQueueTest : public testing::Test {
-  protected:
-    BlockQueueTest() { queue.Allocate(); }
-    void Push(int number) {
-        memset(queue.FreeBlock(), 0, BlockQueue::kBlockSize);
-        memcpy(queue.FreeBlock(), &number, sizeof(number));
-        queue.Push(number);
-    }
-    // Fills it with the numbers from first on; returns how many.
-    int Fill(int first) {
-        int count = 0;
-        for (; queue.WaitForFreeBlock(kNow) == Wait::kReady; ++count) {
-            EXPECT_TRUE(queue.HasFreeBlock());
-            Push(first + count);
-        }
-        return count;
-    }
-    BlockQueue queue;
-};
+void Push(BlockQueue& queue, int number) {
+    memcpy(queue.FreeBlock(), &number, sizeof(number));
+    queue.Push(number);
+}
 
-TEST_F(BlockQueueTest, Keeps399BlocksInOrder) {
+TEST(BlockQueue, Keeps399BlocksInOrder) {
+    BlockQueue queue;
+    queue.Allocate();
     for (int first = 0; first < 5 * 399; first += 399) {
-        ASSERT_EQ(399, Fill(first));
-        EXPECT_FALSE(queue.HasFreeBlock());
-        for (int number = first; number < first + 399; ++number) {
+        int number = first;
+        for (; queue.WaitForFreeBlock(kNow) == Wait::kReady && queue.HasFreeBlock(); ++number)
+            Push(queue, number);
+        ASSERT_EQ(first + 399, number);
+        for (number = first; number < first + 399; ++number) {
             EXPECT_EQ(Wait::kNotYet, queue.WaitUntilEmpty(kNow));
             ASSERT_EQ(Work::kBlock, queue.WaitForWork());
             EXPECT_EQ(0, memcmp(&number, queue.Oldest(), sizeof(number)));
@@ -50,8 +37,10 @@ TEST_F(BlockQueueTest, Keeps399BlocksInOrder) {
     }
 }
 
-TEST_F(BlockQueueTest, WritesComeBeforeBlocksAndTheStopBehind) {
-    Push(1);
+TEST(BlockQueue, WritesComeBeforeBlocksAndTheStopBehind) {
+    BlockQueue queue;
+    queue.Allocate();
+    Push(queue, 1);
     queue.Stop();
     EXPECT_EQ(Work::kBlock, queue.WaitForWork());
     queue.RequestWrite();
@@ -63,44 +52,42 @@ TEST_F(BlockQueueTest, WritesComeBeforeBlocksAndTheStopBehind) {
     EXPECT_EQ(Wait::kReady, queue.WaitForFreeBlock(kNow));
 }
 
-// Who waits, with all blocks but one or all blocks filled, is woken by each of these at once.
-TEST_F(BlockQueueTest, ChangesWakeWhoWaitsForThem) {
+// Who waits is woken at once; with all blocks filled, or one.
+TEST(BlockQueue, ChangesWakeWhoWaitsForThem) {
+    static const auto forBlock = [](BlockQueue& q) {
+        while (q.HasFreeBlock())
+            q.Push(1);
+        return q.WaitForFreeBlock(std::chrono::hours(1));
+    };
+    static const auto untilEmpty = [](BlockQueue& q) {
+        q.Push(1);
+        return q.WaitUntilEmpty(std::chrono::hours(1));
+    };
     const struct {
         const char* name;
-        int taken;  // of the blocks filled, before the wait
-        std::function<void(BlockQueue&)> change;
-        Wait forFreeBlock, untilEmpty;
+        Wait (*wait)(BlockQueue&);
+        void (BlockQueue::*change)();
+        Wait result;
     } kRows[] = {
-        {"freed", 398, [](BlockQueue& q) { q.FreeOldest(); }, Wait::kReady, Wait::kReady},
-        {"freed one", 0, [](BlockQueue& q) { q.FreeOldest(); }, Wait::kReady, Wait::kNotYet},
-        {"stopped", 0, [](BlockQueue& q) { q.Stop(); }, Wait::kNever, Wait::kNotYet},
-        {"consumer ended", 0, [](BlockQueue& q) { q.EndConsuming(); }, Wait::kNever, Wait::kNever},
+        {"a block is freed", forBlock, &BlockQueue::FreeOldest, Wait::kReady},
+        {"stop", forBlock, &BlockQueue::Stop, Wait::kNever},
+        {"consumer ends", forBlock, &BlockQueue::EndConsuming, Wait::kNever},
+        {"the last is freed", untilEmpty, &BlockQueue::FreeOldest, Wait::kReady},
+        {"consumer ends, not empty", untilEmpty, &BlockQueue::EndConsuming, Wait::kNever},
     };
     for (const auto& row : kRows) {
-        SCOPED_TRACE(row.name);
-        for (const bool isForBlock : {true, false}) {
-            const Wait expected = isForBlock ? row.forFreeBlock : row.untilEmpty;
-            if (expected == Wait::kNotYet || (isForBlock && row.taken != 0)) continue;
-            BlockQueue q;
-            q.Allocate();
-            while (q.HasFreeBlock())
-                q.Push(1);
-            for (int i = 0; i < row.taken; ++i)
-                q.FreeOldest();
-            auto waiting = Waiting([&q, isForBlock] {
-                constexpr std::chrono::hours kLong(1);
-                return isForBlock ? q.WaitForFreeBlock(kLong) : q.WaitUntilEmpty(kLong);
-            });
-            row.change(q);
-            EXPECT_EQ(expected, waiting.get());
-        }
+        BlockQueue queue;
+        queue.Allocate();
+        auto waiting = Waiting([&] { return row.wait(queue); });
+        (queue.*row.change)();
+        EXPECT_EQ(row.result, waiting.get()) << row.name;
     }
     for (const Work work : {Work::kBlock, Work::kWrite, Work::kStop}) {
-        BlockQueue q;
-        auto waiting = Waiting([&q] { return q.WaitForWork(); });
-        if (work == Work::kBlock) q.Push(1);
-        if (work == Work::kWrite) q.RequestWrite();
-        if (work == Work::kStop) q.Stop();
+        BlockQueue queue;
+        auto waiting = Waiting([&] { return queue.WaitForWork(); });
+        if (work == Work::kBlock) queue.Push(1);
+        if (work == Work::kWrite) queue.RequestWrite();
+        if (work == Work::kStop) queue.Stop();
         EXPECT_EQ(work, waiting.get());
     }
 }

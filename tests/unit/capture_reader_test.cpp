@@ -1,20 +1,18 @@
 // Captured bytes back to frames.
-#include "support/frames.h"
+#include "tests/support/bytes.h"
 #include "tools/capture/capture_text.h"
 #include "tools/common/mask_requests.h"
 #include "tools/modem/sim_modem.h"
 
 namespace {
 
-std::string LogFrame(uint16_t code, const std::string& payload) {
-    std::string frame;
-    AppendFrame(frame, SimModem::MakeLogPacket(code, payload, 0));
-    return frame;
+std::string Log(uint16_t code, const std::string& payload) {
+    return Framed(SimModem::MakeLogPacket(code, payload, 0));
 }
 
-const std::string kTime = Framed("1D 7D 7E 00");
-const std::string kLog = LogFrame(0x7E7D, "\x7E\x7D");
-const std::string kEvent = Framed("60 01 00");
+const std::string kTime = HexFrame("1D 7D 7E 00");
+const std::string kLog = Log(0x7E7D, "\x7E\x7D");
+const std::string kEvent = HexFrame("60 01 00");
 
 // "FILE@OFFSET KIND CODE LENGTH CHECK" of the wanted frames, nothing for a good check; the files
 // come in reads of that many bytes.
@@ -44,7 +42,7 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
     std::string wrong = kLog;
     wrong[10] ^= 1;
     const std::string half = kLog.substr(0, 20);
-    const std::string three = kLog + kEvent + LogFrame(0xB0C0, "") + Framed("10 00");
+    const std::string three = kLog + kEvent + Log(0xB0C0, "") + HexFrame("10 00");
     const struct {
         const char* name;
         std::vector<std::string> files;
@@ -53,11 +51,10 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
     } kRows[] = {
         {"modem's own", {kTime + kLog + kEvent}, "a@0 answer 4, a@9 log 0x7E7D 18, a@34 event 3"},
         {"messages",
-         {Framed("79") + Framed("92") + Framed("98") + Framed("99") + Framed("9A")},
+         {HexFrame("79") + HexFrame("92") + HexFrame("98") + HexFrame("99") + HexFrame("9A")},
          "a@0 message 1, a@4 message 1, a@8 message 1, a@12 message 1, a@16 answer 1"},
         {"bad first frame", {wrong + kEvent}, "a@0 log 0x7E7D 18 bad, a@25 event 3"},
         {"escape takes the flag", {"\x79\x01\x7D\x7E" + kEvent}, "a@0 message 1 bad, a@4 event 3"},
-        {"short", {kEvent + "\x79\x7E\x7E" + kEvent}, "a@0 event 3, a@6 answer 0 bad, a@9 event 3"},
         {"ends",
          {kEvent.substr(2) + kTime + half},
          "a@0 answer 1 cut start, a@4 answer 4, a@13 log 0x7E7D 17 cut end"},
@@ -65,9 +62,8 @@ TEST(CaptureReader, TellsFramesHoweverTheBytesAreCut) {
         {"flag behind", {kEvent.substr(0, 5), "\x7E"}, "a@0 event 3"},
         {"other connection", {half, kTime}, "a@0 log 0x7E7D 17 cut end, b@0 answer 4"},
         {"gap", {half, "", kEvent.substr(2)}, "a@0 log 0x7E7D 17 cut end, c@0 answer 1 cut start"},
-        {"long frame", {LogFrame(0x1000, std::string(40000, '}'))}, "a@0 log 0x1000 40016"},
+        {"long frame", {Log(0x1000, std::string(40000, '}'))}, "a@0 log 0x1000 40016"},
         {"only two codes", {three}, "a@31 log 0xB0C0 16", {{0xB0C0, 0x7E7C}, {}}},
-        {"only a kind", {three}, "a@25 event 3", {{}, PacketKind::kEvent}},
         {"neither", {three}, "", {{0xB0C0}, PacketKind::kEvent}},
     };
     for (const auto& row : kRows)

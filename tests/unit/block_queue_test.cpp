@@ -55,12 +55,9 @@ TEST(BlockQueue, WritesComeBeforeBlocksAndTheStopBehind) {
 // Who waits is woken at once; with all blocks filled, or one.
 TEST(BlockQueue, ChangesWakeWhoWaitsForThem) {
     static const auto forBlock = [](BlockQueue& q) {
-        while (q.HasFreeBlock())
-            q.Push(1);
         return q.WaitForFreeBlock(std::chrono::hours(1));
     };
     static const auto untilEmpty = [](BlockQueue& q) {
-        q.Push(1);
         return q.WaitUntilEmpty(std::chrono::hours(1));
     };
     const struct {
@@ -78,6 +75,9 @@ TEST(BlockQueue, ChangesWakeWhoWaitsForThem) {
     for (const auto& row : kRows) {
         BlockQueue queue;
         queue.Allocate();
+        do
+            queue.Push(1);
+        while (row.wait == forBlock && queue.HasFreeBlock());
         auto waiting = Waiting([&] { return row.wait(queue); });
         (queue.*row.change)();
         EXPECT_EQ(row.result, waiting.get()) << row.name;

@@ -194,7 +194,7 @@ TEST_F(Process, RelaysBetweenToolAndSimulatedModem) {
     EXPECT_EQ("width 1 4095\nwidth 4 2320\nwidth 5 2144\nwidth 7 2672\nwidth 11 2560\n",
               Contents("/data/out"));
     kill(std::stoi(Contents("/data/modem")), SIGTERM);
-    Until("the line's end", [] { return !std::filesystem::exists("/dev/ttydiag0"); });
+    Until("the line's end", [] { return !std::filesystem::exists(kModemPort); });
 }
 
 }  // namespace

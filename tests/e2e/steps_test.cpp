@@ -6,10 +6,10 @@ namespace {
 struct Steps : HandsetTest, testing::WithParamInterface<Step> {};
 
 TEST_P(Steps, AreSurvived) {
-    // The daemon believes nobody but root about the link.
     const bool isRoot = Contents("/proc/self/uid_map").find(" 0          0 ") != std::string::npos;
     const bool isAboutLink = std::string(GetParam().name).find("Link") != std::string::npos;
-    if (isAboutLink && !isRoot) GTEST_SKIP() << "no link events here";
+    if (isAboutLink && !isRoot)
+        GTEST_SKIP() << "the daemon believes nobody but root about the link";
     Switch(GetParam().captures);
     StartDaemon();
     GetParam().play(*this);

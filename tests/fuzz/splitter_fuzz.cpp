@@ -29,7 +29,7 @@ ToolLogRequests& gRequests = *new ToolLogRequests;
 
 // Of the tool, framed; merged with a request of the capture if it has an equipment id.
 void Take(const std::string& request) {
-    const int id = gRequests.Record(request.data(), static_cast<int>(request.size()));
+    const int id = Record(gRequests, request);
     if (id < 0) return;
     const std::string capture = SetMask(static_cast<uint32_t>(id), std::string(16, '\x41'));
     static char merged[kDiagAreaSize];

@@ -2,6 +2,7 @@
 // on, in random order. After each, the daemon must hold what it held before.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
@@ -33,8 +34,9 @@ class Soak : public Handset {
         if (n == mRound.size()) mWarmResident = mResident;
         if (n % mRound.size() == 0) std::shuffle(mRound.begin(), mRound.end(), mShuffle);
         const auto& [step, isOn] = mRound[n % mRound.size()];
-        printf("%zu: %s, capture %s\n", n + 1, step->name, isOn ? "on" : "off");
+        printf("%zu: %s, capture %s ...", n + 1, step->name, isOn ? "on" : "off");
         fflush(stdout);
+        const auto start = Clock::now();
         for (const std::string& path : CaptureFiles())
             std::filesystem::remove(path);
         MakeLine();
@@ -49,6 +51,8 @@ class Soak : public Handset {
         const long resident = std::stol(status.substr(status.find("VmRSS:") + 6));
         mResident = std::max(mResident, resident);
         EXPECT_LE(resident, mWarmResident + kResidentMarginKb) << "kB of memory";
+        const std::chrono::duration<double> took = Clock::now() - start;
+        printf(" %.1f s, %ld kB\n", took.count(), resident);
     }
     void Report() const {
         printf("a tool is served again after at most %d ms; %zu descriptors, %zu threads, %ld kB\n",
@@ -72,8 +76,13 @@ class Soak : public Handset {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const double minutes = std::stod(argv[1]);
-    const auto seed = static_cast<unsigned>(argc > 2 ? std::stoul(argv[2]) : time(nullptr));
+    const double minutes = argc > 1 ? strtod(argv[1], nullptr) : 0;
+    if (minutes <= 0) {
+        fprintf(stderr, "usage: soak MINUTES [SEED]\n");
+        return 2;
+    }
+    const auto seed =
+        static_cast<unsigned>(argc > 2 ? strtoul(argv[2], nullptr, 10) : time(nullptr));
     printf("soak: %s minutes, seed %u\n", argv[1], seed);
     Soak soak(seed);
     const auto end = Clock::now() + std::chrono::seconds(static_cast<int>(60 * minutes));

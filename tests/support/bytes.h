@@ -67,6 +67,12 @@ inline std::string SetMask(uint32_t id, const std::string& mask) {
     return MakeSetMask({id, static_cast<uint32_t>(8 * mask.size()), mask});
 }
 
+// Has the requests (ToolLogRequests) record a framed one; returns its equipment id.
+template <typename Requests>
+int Record(Requests& requests, const std::string& framed) {
+    return requests.Record(framed.data(), static_cast<int>(framed.size()));
+}
+
 // The modem's framed answer to such a request (operation 3), or to one for the mask (operation 4).
 inline std::string Answer(uint32_t operation, uint32_t id, const std::string& mask,
                           uint32_t status = 0) {

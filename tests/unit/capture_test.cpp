@@ -28,9 +28,12 @@ class Flash : public testing::Test {
     static int Put(PoolBuffer& pool, const std::string& bytes) {
         return pool.Read(bytes.data(), static_cast<int>(bytes.size()));
     }
-    // Returns the path. A file is named by the millisecond of its opening.
+    // Returns the path. A file is named by the millisecond of its opening, so the next is awaited.
     std::string Store(const std::string& bytes) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        using std::chrono::system_clock, std::chrono::milliseconds;
+        const auto last = system_clock::now().time_since_epoch() / milliseconds(1);
+        while (system_clock::now().time_since_epoch() / milliseconds(1) == last)
+            std::this_thread::yield();
         files.Store(bytes.data(), static_cast<int>(bytes.size()));
         return files.Path();
     }

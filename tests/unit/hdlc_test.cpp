@@ -35,9 +35,9 @@ TEST(HdlcEncode, KnownFramesAtEveryCapacity) {
 TEST(HdlcFcs, IsTheCrcBitByBit) {
     const std::string bytes = Pattern(70000);
     unsigned int crc = 0xFFFF;
-    for (const char byte : bytes)
+    for (const unsigned char byte : bytes)
         for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (((crc ^ static_cast<unsigned>(byte) >> bit) & 1U) * 0x8408U);
+            crc = (crc >> 1) ^ (((crc ^ byte >> bit) & 1U) * 0x8408U);
     EXPECT_EQ(~crc & 0xFFFF, HdlcFcs(reinterpret_cast<const unsigned char*>(bytes.data()), 70000));
 }
 

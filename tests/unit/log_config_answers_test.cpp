@@ -16,11 +16,6 @@ std::string Replied(LogConfigAnswers& answers, const std::string& frame, size_t 
     return {reply.frame, static_cast<size_t>(reply.len)};
 }
 
-void Take(ToolLogRequests& requests, uint32_t id, const std::string& mask) {
-    const std::string framed = Framed(SetMask(id, mask));
-    requests.Record(framed.data(), static_cast<int>(framed.size()));
-}
-
 TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
     const std::string escapes = Hex("7E 7D");
     const std::string long7E(512, '\x7E');
@@ -61,7 +56,7 @@ TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
     for (const auto& row : kRows) {
         ToolLogRequests requests;
         for (const auto& [id, mask] : row.asked)
-            Take(requests, id, mask);
+            Record(requests, Framed(SetMask(id, mask)));
         LogConfigAnswers answers(requests);
         for (size_t cut = 0; cut < row.answer.size(); ++cut) {
             SCOPED_TRACE(testing::Message() << row.name << ", cut at " << cut);
@@ -72,7 +67,7 @@ TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
 
 TEST(LogConfigAnswers, HoldAnAreaOfBytes) {
     ToolLogRequests requests;
-    Take(requests, 4, "\x02");
+    Record(requests, Framed(SetMask(4, "\x02")));
     LogConfigAnswers answers(requests);
     // As long as an area, escaped; the longest frame that is rewritten.
     const std::string fields = Le32(0x73) + Le32(4) + Le32(0) + Le32(4) + Le32(8 * 8181);

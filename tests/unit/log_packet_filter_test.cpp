@@ -8,8 +8,7 @@ namespace {
 class LogPacketFilterTest : public testing::Test {
   protected:
     void Want(uint32_t id, const std::vector<uint32_t>& items) {
-        const std::string framed = Framed(SetMask(id, MaskOf(items)));
-        requests.Record(framed.data(), static_cast<int>(framed.size()));
+        Record(requests, Framed(SetMask(id, MaskOf(items))));
     }
     // The bytes of this piece that the tool gets, what was held before them.
     std::string Take(const std::string& piece) {

@@ -23,6 +23,11 @@ TEST(Platform, LogHasOneLineForEachMessageAtItsLevel) {
          "export QUILLOD_LOG_FILE=f; ./child x 1 && ./child x 1 2>&- && cat f >&2", "x", all + all},
         {"newlines become blanks, but not at the end", "./child '\na\n\n' 1", " a", all},
         {"cut to 4096 bytes", "./child " + x5000 + " 1", x5000, all},
+        {"full pipe, given up",
+         "(./child " + x5000 +
+             " 9; echo $? >r) 2>&1 | (until test -s r; do :; done);"
+             "grep -q 2 r",
+         "", ""},
         {"unset", ": >log.tag.quillod; echo s >log.tag.libquillod; echo E >log.tag; ./child x 1",
          "x", "EFEF"},
     };

@@ -66,31 +66,13 @@ class Relay : public testing::Test {
     std::future<int> result;
 };
 
-// A tool is given up, with how many bytes on their way, when the modem takes nothing.
 TEST_F(Relay, ToolOfAStalledModemIsGivenUp) {
-    const struct {
-        const char* name;
-        size_t bytes;
-        bool hasGone;
-        const char* reason;
-    } kRows[] = {
-        {"gone", 10, true, " was closed by the remote end"},
-        {"gone behind more than the ring holds", 60000, true, "the modem takes nothing, and fd"},
-        {"stays, and its bytes find no room", 60000, false, " has waited long enough"},
-    };
-    for (const auto& row : kRows) {
-        SCOPED_TRACE(row.name);
-        limits.refusal = milliseconds(1);
-        limits.tool = row.hasGone ? std::chrono::hours(1) : limits.refusal;
-        tool.Open();
-        modem.Open();
-        FillUntilFull(modem.near);
-        Start();
-        WriteAll(tool.far, std::string(row.bytes, '~'));
-        if (row.hasGone) tool.CloseFar();
-        log.WaitFor(row.reason);
-        EXPECT_EQ(0, End());
-    }
+    limits.refusal = limits.tool = milliseconds(1);
+    FillUntilFull(modem.near);
+    Start();
+    WriteAll(tool.far, std::string(60000, '~'));
+    log.WaitFor(" has waited long enough");
+    EXPECT_EQ(0, End());
 }
 
 TEST_F(Relay, ToolWhoseBytesFindRoomStays) {

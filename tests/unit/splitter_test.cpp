@@ -26,8 +26,7 @@ class Divided {
     // From now on the tool's side takes so much less.
     void TakeOneIn(int divisor) { mDivisor = divisor; }
     void Want(const std::vector<uint32_t>& items) {
-        const std::string framed = Framed(SetMask(4, MaskOf(items)));
-        mRequests.Record(framed.data(), static_cast<int>(framed.size()));
+        Record(mRequests, Framed(SetMask(4, MaskOf(items))));
     }
     // With capture on, or off; returns what the tool got.
     std::string Take(std::string chunk, bool isOn = true) {

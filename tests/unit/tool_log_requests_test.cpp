@@ -7,9 +7,7 @@
 namespace {
 
 struct Requests : ToolLogRequests {
-    int Take(const std::string& framed) {
-        return Record(framed.data(), static_cast<int>(framed.size()));
-    }
+    int Take(const std::string& framed) { return ::Record<ToolLogRequests>(*this, framed); }
     std::string MergedWith(int id, const std::string& command) {
         char framed[kDiagAreaSize];
         const int len = Merge(id, command.data(), static_cast<int>(command.size()), framed);

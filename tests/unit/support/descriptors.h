@@ -16,17 +16,7 @@
 
 // A connected pair of stream sockets that hold little; the near end does not block.
 struct SocketPair {
-    SocketPair() { Open(); }
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
-    ~SocketPair() {
-        CloseNear();
-        CloseFar();
-    }
-    // A new pair.
-    void Open() {
-        CloseNear();
-        CloseFar();
+    SocketPair() {
         int fds[2] = {-1, -1};
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) ADD_FAILURE() << errno;
         near = fds[0];
@@ -34,6 +24,12 @@ struct SocketPair {
         fcntl(near, F_SETFL, O_NONBLOCK);
         const int least = 1;
         setsockopt(near, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
+    }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+    ~SocketPair() {
+        CloseNear();
+        CloseFar();
     }
     void CloseNear() {
         if (near != -1) close(near);

@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
-#include <memory>
+#include <mutex>
 #include <vector>
 
 #include "base/log_switch.h"
@@ -140,29 +140,27 @@ TEST_F(Flash, PoolKeepsChunksWholeAndInOrder) {
     }
 }
 
-// The producer waits, until a slot is free or the end, when all are full and the writer stands.
+// The producer waits until a slot is free when all are full and the writer stands.
 TEST_F(Flash, FullPoolHoldsTheProducer) {
-    for (const bool exits : {false, true}) {
-        LogFiles whole((dir / "").c_str(), 1 << 30);
-        Gate gate("PoolBuffer: open file succeed");
-        PoolBuffer pool(whole);
-        for (int i = 0; i < 49; ++i) {
-            EXPECT_TRUE(pool.HasSpace());
-            Put(pool, std::string(kSlotSize, 'x'));
-        }
-        Put(pool, "y");
-        EXPECT_FALSE(pool.HasSpace());
-        auto waiting = Waiting([&pool] { return Put(pool, "fits, but waits"); });
-        if (exits) pool.Exit();
-        if (!exits) gate.Open();
-        EXPECT_EQ(exits ? 0 : 15, waiting.get());
-        gate.Open();
-        pool.Exit();
-        pool.Join();
-        EXPECT_EQ(49U * kSlotSize + (exits ? 1 : 16), TempDir::Content(whole.Path()).size());
-        fs::remove(whole.Path());
+    std::mutex gate;
+    std::unique_lock<std::mutex> held(gate);
+    log.On("PoolBuffer: open file succeed",
+           [&gate] { const std::lock_guard<std::mutex> wait(gate); });
+    LogFiles whole((dir / "").c_str(), 1 << 30);
+    PoolBuffer pool(whole);
+    for (int i = 0; i < 49; ++i) {
+        EXPECT_TRUE(pool.HasSpace());
+        Put(pool, std::string(kSlotSize, 'x'));
     }
-    EXPECT_EQ(2, log.Count("PoolBuffer: Read wait cond"));
+    Put(pool, "y");
+    EXPECT_FALSE(pool.HasSpace());
+    auto waiting = Waiting([&pool] { return Put(pool, "fits, but waits"); });
+    held.unlock();
+    EXPECT_EQ(15, waiting.get());
+    pool.Exit();
+    pool.Join();
+    EXPECT_EQ(1, log.Count("PoolBuffer: Read wait cond"));
+    EXPECT_EQ(49U * kSlotSize + 16, TempDir::Content(whole.Path()).size());
 }
 
 }  // namespace

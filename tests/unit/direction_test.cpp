@@ -1,8 +1,6 @@
 // One direction of the relay between two socket pairs, whose far ends are the peers'.
-#include <pthread.h>
-
 #include <csignal>
-#include <utility>
+#include <mutex>
 
 #include "base/log_switch.h"
 #include "base/relay_wakeup.h"
@@ -128,59 +126,6 @@ TEST(Direction, RemembersAStallUntilItEnds) {
     }
 }
 
-TEST(Direction, FlushWaitsAndGivesUp) {
-    Limits limits = Short();
-    for (const bool isGivenUp : {true, false}) {
-        limits.stallAtEnd = isGivenUp ? milliseconds(2) : kLong;
-        Direction d(kToModem, 0, limits);
-        d.Stall();
-        fcntl(d.sink.near, F_SETFL, 0);
-        d.Hold("held");
-        auto flushed = Waiting([&] { return d.buffer.Flush(d.sink.near); });
-        if (!isGivenUp) d.EndStall();
-        EXPECT_EQ(isGivenUp ? -EAGAIN : 4, flushed.get());
-        EXPECT_EQ(isGivenUp ? 1 : 0, d.log.Count("flush given up, 4 bytes left"));
-        EXPECT_EQ(0, fcntl(d.sink.near, F_GETFL) & O_NONBLOCK);
-    }
-}
-
-TEST(Direction, WholeFramesAreWrittenUpToTheLastEnd) {
-    const struct {
-        const char* name;
-        bool beginsOnFrame, isPutFirst;
-        std::string held, sent;
-        bool endsOnFrame;
-    } kRows[] = {
-        {"half a frame stays", true, false, "a~b~c", "a~b~", true},
-        {"no whole frame", true, false, "abc", "", true},
-        {"modem is within a frame", false, false, "abc", "", false},
-        {"modem's frame is ended", false, false, "b~c", "b~", true},
-        {"end put first", false, true, "bc", "~", true},
-        {"end put first, full", false, true, std::string(63, 'x'), "", false},
-    };
-    const auto write = [](Direction& d) {
-        return d.buffer.WriteWholeFrames(d.sink.near, steady_clock::now() + kLong);
-    };
-    for (const auto& row : kRows) {
-        Direction d(kToModem);
-        d.buffer.SetEndsOnFrame(row.beginsOnFrame);
-        d.Hold(row.held);
-        if (row.isPutFirst) d.buffer.PutFrameEndFirst();
-        EXPECT_EQ(row.endsOnFrame, write(d)) << row.name;
-        EXPECT_EQ(row.sent, d.Sent()) << row.name;
-        while (!d.buffer.IsEmpty())
-            d.Write();
-        EXPECT_EQ(row.held.back() == '~', d.buffer.EndsOnFrame()) << row.name;
-    }
-    Direction d(kToModem);
-    d.Stall();
-    d.Hold("a~");
-    auto whole = Waiting([&] { return write(d); });
-    d.EndStall();
-    EXPECT_TRUE(whole.get());
-    EXPECT_EQ("a~", d.Sent()) << "it waits for the peer";
-}
-
 TEST(Direction, LeavesAPeerAloneThatHasRefusedBytes) {
     Direction d(kToModem);
     TransferBuffer endpoint{d.buffer, d.source.near, d.sink.near};
@@ -218,15 +163,12 @@ const std::string kTool = Hex("1D 7E");
 
 // Its processing thread is held at the first block.
 struct Capture : Direction, testing::Test {
-    Capture() : Direction(kToTool, 1) {}
-    // Reads until there is another result than that the queue is full or worked off.
-    int ReadWhenPossible() {
-        int result = Read();
-        while (result == -EAGAIN && buffer.IsEmpty())
-            result = Read();
-        return result;
+    Capture() : Direction(kToTool, 1) {
+        LogLines::On("process mWriteIndex: 0,",
+                     [this] { const std::lock_guard<std::mutex> wait(mutex); });
     }
-    Gate gate{"process mWriteIndex: 0,"};
+    std::mutex mutex;
+    std::unique_lock<std::mutex> gate{mutex};
 };
 
 TEST_F(Capture, BlocksHoldUpTo4095BytesAndACallTakes16) {
@@ -235,19 +177,8 @@ TEST_F(Capture, BlocksHoldUpTo4095BytesAndACallTakes16) {
     EXPECT_EQ(1, log.Count("Current size: 905 for index: 1"));
     EXPECT_EQ(16 * 4095, Feed(sent.substr(5000)));
     EXPECT_EQ(10, Read());
-    gate.Open();
+    gate.unlock();
     EXPECT_TRUE(Same(sent, ReadExactly(sink.far, sent.size()))) << "through a ring of 64";
-}
-
-TEST_F(Capture, FullQueueWaitsForAFreeBlock) {
-    for (int i = 0; i < 399; ++i)
-        ASSERT_EQ(2, Feed(kTool));
-    EXPECT_EQ(-EAGAIN, Feed(kTool));
-    EXPECT_EQ(-EAGAIN, Read());
-    EXPECT_EQ(1, log.Count("Read wait cond as buffer is FULL")) << "said once";
-    gate.Open();
-    EXPECT_EQ(2, ReadWhenPossible());
-    ReadExactly(sink.far, 800);
 }
 
 TEST_F(Capture, FullQueueOfAFailedThreadIsTheEnd) {
@@ -255,29 +186,16 @@ TEST_F(Capture, FullQueueOfAFailedThreadIsTheEnd) {
         Feed(kTool);
     ClearRelayWakeup();
     sink.CloseFar();
-    gate.Open();
-    EXPECT_EQ(1, ReadWhenPossible());
+    gate.unlock();
+    int result = -EAGAIN;
+    while (result == -EAGAIN)
+        result = Read();
+    EXPECT_EQ(1, result);
     EXPECT_EQ(-EPIPE, buffer.ThreadExitCode());
     pollfd wakeup = {RelayWakeupFd(), POLLIN, 0};
     EXPECT_EQ(1, poll(&wakeup, 1, 20000));
     gLogEnable = 0;
     EXPECT_EQ(-EIO, Read()) << "the queue will never be empty";
-}
-
-// The connection works as long as capture is off, and fails once it is on.
-TEST(WithoutThread, RelaysWithCaptureOff) {
-    pthread_attr_t usual, tooMuch;
-    pthread_getattr_default_np(&usual);
-    pthread_getattr_default_np(&tooMuch);
-    pthread_attr_setstacksize(&tooMuch, size_t{1} << 46);
-    pthread_setattr_default_np(&tooMuch);
-    Direction d(kToTool, 0);
-    pthread_setattr_default_np(&usual);
-    EXPECT_EQ(-EAGAIN, d.Feed(kTool));
-    EXPECT_EQ(2, d.Write());
-    EXPECT_GT(0, d.buffer.ThreadExitCode());
-    gLogEnable = 1;
-    EXPECT_EQ(0, d.Read()) << "nothing there";
 }
 
 }  // namespace

@@ -28,12 +28,8 @@ struct SocketPair {
     SocketPair(const SocketPair&) = delete;
     SocketPair& operator=(const SocketPair&) = delete;
     ~SocketPair() {
-        CloseNear();
-        CloseFar();
-    }
-    void CloseNear() {
         if (near != -1) close(near);
-        near = -1;
+        CloseFar();
     }
     void CloseFar() {
         if (far != -1) close(far);

@@ -1,13 +1,12 @@
 #include "tests/unit/support/log_lines.h"
 
 #include <android/log.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -15,16 +14,9 @@
 namespace {
 
 std::mutex gMutex;
-std::condition_variable gNewLine;                                       // with gMutex
 bool gIsKept = false;                                                   // gMutex
 std::vector<std::string> gLines;                                        // gMutex
 std::vector<std::pair<std::string, std::function<void()>>> gReactions;  // gMutex
-
-int CountLocked(const std::string& part) {
-    return static_cast<int>(std::count_if(
-        gLines.begin(), gLines.end(),
-        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
-}
 
 void Reset(bool isKept) {
     const std::lock_guard<std::mutex> lock(gMutex);
@@ -45,14 +37,9 @@ LogLines::~LogLines() {
 
 int LogLines::Count(const std::string& part) {
     const std::lock_guard<std::mutex> lock(gMutex);
-    return CountLocked(part);
-}
-
-void LogLines::WaitFor(const std::string& part, int count) {
-    std::unique_lock<std::mutex> lock(gMutex);
-    EXPECT_TRUE(gNewLine.wait_for(lock, std::chrono::seconds(20), [&] {
-        return CountLocked(part) >= count;
-    })) << part;
+    return static_cast<int>(std::count_if(
+        gLines.begin(), gLines.end(),
+        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
 }
 
 void LogLines::On(const std::string& part, std::function<void()> action) {
@@ -73,16 +60,14 @@ int __android_log_print(int, const char*, const char* format, ...) {
     va_start(args, format);
     vsnprintf(line, sizeof(line), format, args);
     va_end(args);
-    std::vector<std::function<void()>> actions;
+    std::vector<std::pair<std::string, std::function<void()>>> reactions;
     {
         const std::lock_guard<std::mutex> lock(gMutex);
         if (gIsKept) gLines.emplace_back(line);
-        for (const auto& [part, action] : gReactions)
-            if (gLines.back().find(part) != std::string::npos) actions.push_back(action);
+        reactions = gReactions;
     }
-    gNewLine.notify_all();
-    for (const auto& action : actions)
-        action();
+    for (const auto& [part, action] : reactions)
+        if (strstr(line, part.c_str()) != nullptr) action();
     errno = error;
     return 1;
 }

@@ -47,43 +47,6 @@ TEST_F(Capture, ShowsTheToolItsOwnMasksAndPackets) {
                                             ", mTotalLengthForLogDataWriteToAp: " + count(wanted)));
 }
 
-// With the switch off for the first half of each frame, then for the second.
-TEST_F(Capture, LosesNothingOfAFrameThatTheSwitchMovesIn) {
-    static const struct {
-        std::string frame;
-        size_t cut;
-        bool isOwn;
-        bool isForTool;
-    } kRows[] = {{Framed("\x79 report of the modem"), 9, true, false},
-                 {LogFrame(0x117E), 7, true, true},
-                 {LogFrame(0x117C), 13, true, false},
-                 {Framed("\x1D answer"), 4, false, true},
-                 {Answer(4, 4, "\x03"), 12, false, true}};
-    const std::string mark = Framed("\x0C mark");
-    std::string own;
-    Start(true);
-    for (const auto& row : kRows) {
-        const std::string head = row.frame.substr(0, row.cut);
-        const std::string tail = row.frame.substr(row.cut);
-        if (row.isOwn) own += head;
-        modem.Send(mark + head);
-        Until("the mark", [&] { return tool.in.size() >= mark.size(); });
-        Switch(false);
-        EXPECT_TRUE(Gets(modem, kDisableRequests));
-        modem.Send(tail + mark);
-        EXPECT_TRUE(Gets(tool, mark + (row.isForTool ? head : "") + tail + mark)) << row.cut;
-
-        modem.Send(head);
-        EXPECT_TRUE(Gets(tool, head));
-        Switch(true);
-        EXPECT_TRUE(Gets(modem, kFileMask));
-        modem.Send(tail + mark);
-        EXPECT_TRUE(Gets(tool, tail + mark)) << row.cut;
-    }
-    Finish();
-    EXPECT_TRUE(Same(own, Captured()));
-}
-
 TEST_F(Capture, BeginsAFileWithTheTimeForEachConnection) {
     const std::string stamp = Framed("\x1D stamp");
     const std::string report = Framed("\x60" + Pattern(9000));

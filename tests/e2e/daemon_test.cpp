@@ -43,11 +43,8 @@ TEST_F(Process, KeepsLittleOfWhatItWasStartedWith) {
     EXPECT_FALSE(std::filesystem::exists(Proc("fd/2"))) << "others: link monitor, listening socket";
     Attach();
     EXPECT_EQ("/dev/pts/0", std::filesystem::read_symlink(Proc("fd/1")));
-    EXPECT_TRUE(Exchange());
-}
 
-TEST_F(Process, BoundsTheWaitForATool) {
-    Start(false);
+    // And bounds the wait for a tool that says nothing more.
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, Pid(), 0)));
     const UniqueFd client(static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), 2, 0)));
     ASSERT_NE(-1, client.get());
@@ -90,6 +87,19 @@ TEST_F(Process, RefusesASecondToolUntilTheFirstIsGone) {
     EXPECT_TRUE(Exchange());
 }
 
+// No side gets the other to leave the framing.
+TEST_F(Process, RefusesToEndTheFraming) {
+    for (const bool isOn : {false, true}) {
+        Switch(isOn);
+        isOn ? AttachAgain() : (StartDaemon(), Attach());
+        tool.Send(Hex("4B 12 18 02 01 7E"));
+        modem.Send(Hex("4B 12 18 02 01 7E"));
+        EXPECT_TRUE(Gets(modem, Hex("4B 12 18 02 00 7E")));
+        EXPECT_TRUE(Gets(tool, Hex("13 12 18 02 01 7E")));
+        Finish();
+    }
+}
+
 TEST_F(Process, ServesTheNextToolAfterASignal) {
     const auto interrupt = [this](int signal) {
         Until("sleeping in select", [this] {
@@ -126,13 +136,13 @@ TEST_F(Process, WithoutModemPortTriesTenTimes) {
 }
 
 TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
-    termios before = {};  // a pty's master shows the port's
+    termios before = {};
     before.c_iflag = BRKINT | PARMRK | INPCK | ISTRIP | IGNCR | ICRNL | IXON | IXOFF | IXANY;
     before.c_oflag = OPOST | ONLCR;
     before.c_cflag = B9600 | CS7 | PARENB | CSTOPB | HUPCL;
     before.c_lflag = ISIG | ICANON | IEXTEN | ECHO | ECHOE | ECHOK | ECHONL | TOSTOP;
     before.c_cc[VMIN] = 7;
-    ASSERT_EQ(0, tcsetattr(LineFd(), TCSANOW, &before));
+    ASSERT_EQ(0, tcsetattr(LineFd(), TCSANOW, &before));  // a pty's master is its port
     ASSERT_EQ(0, tcgetattr(LineFd(), &before));
     const UniqueFd port(open(kModemPort, O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     modem.Send("stale\n");
@@ -144,17 +154,11 @@ TEST_F(Process, SetsTheModemPortUpFromTheWorstOfLines) {
     EXPECT_TRUE(Exchange());
     termios line = {};
     ASSERT_EQ(0, tcgetattr(LineFd(), &line));
-    termios expected = before;
-    expected.c_iflag = IGNBRK | IGNPAR;
-    expected.c_oflag = ONLCR;
-    expected.c_cflag = CS8 | CREAD | CLOCAL | CRTSCTS | CSTOPB | HUPCL;
-    expected.c_lflag = IEXTEN | TOSTOP;
-    cfsetspeed(&expected, B115200);
-    const auto fields = [](const termios& of) {
-        return std::vector<tcflag_t>{of.c_iflag, of.c_oflag, of.c_cflag, of.c_lflag};
-    };
-    EXPECT_EQ(fields(expected), fields(line));
-    EXPECT_TRUE(std::equal(expected.c_cc, expected.c_cc + NCCS, line.c_cc));
+    using Flags = std::vector<tcflag_t>;
+    EXPECT_EQ((Flags{IGNBRK | IGNPAR, ONLCR, IEXTEN | TOSTOP,
+                     B115200 | CS8 | CREAD | CLOCAL | CRTSCTS | CSTOPB | HUPCL}),
+              (Flags{line.c_iflag, line.c_oflag, line.c_lflag, line.c_cflag}));
+    EXPECT_TRUE(std::equal(before.c_cc, before.c_cc + NCCS, line.c_cc));
 }
 
 // Both programs of the PC, with the daemon between them.

@@ -39,15 +39,6 @@ void SetLink(bool isUp) {
     if (system(isUp ? "ip link set usb0 up" : "ip link set usb0 down") != 0) ADD_FAILURE();
 }
 
-std::string Contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void Store(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
 std::string Captured() {
     std::string bytes;
     for (const std::string& path : CaptureFiles())

@@ -38,8 +38,6 @@ inline const std::string kDisableRequests =
 inline const std::string kToolMask = Framed(SetMask(1, MaskOf({0x000, 0x17E})));
 
 void SetLink(bool isUp);
-std::string Contents(const std::string& path);
-void Store(const std::string& path, const std::string& bytes);
 std::string Captured();  // all bytes of the capture files
 // What came to the modem, without the daemon's own requests above.
 std::string WithoutOwnRequests(std::string atModem);

@@ -28,28 +28,6 @@ class FuzzInput {
         return bytes;
     }
 
-    // Up to count bytes of input, in which EE n byte stands for n times the byte and, from n = 128
-    // on, for 128 (n - 127) times: so a small input fills the areas of 16384 bytes. Flags are not
-    // repeated.
-    std::string Runs(size_t count) {
-        constexpr size_t kLongest = 40000;
-        FuzzInput packed(mAt, std::min(count, static_cast<size_t>(mEnd - mAt)));
-        mAt = packed.mEnd;
-        std::string bytes;
-        while (!packed.IsOver() && bytes.size() < kLongest) {
-            uint8_t byte = packed.Byte();
-            size_t times = 1;
-            if (byte == 0xEE) {
-                times = packed.Byte();
-                if (times >= 128) times = 128 * (times - 127);
-                byte = packed.Byte();
-                if (byte == 0x7E) times = 1;
-            }
-            bytes.append(times, static_cast<char>(byte));
-        }
-        return bytes;
-    }
-
   private:
     const uint8_t* mAt;
     const uint8_t* const mEnd;

@@ -1,8 +1,8 @@
 // The modem's stream between tool and flash, in chunks that the input cuts, and the tool's
-// requests. Input: flags, number of cuts, cuts, with flag 4 the length of a request and the
-// request, stream. Flags: 1 the tool wants codes, 2 the cuts' lowest bits switch capture, 4 the
-// tool has sent the request. A cut below 128 is the length of a chunk, others stand for 32 times as
-// much.
+// requests. Input: flags, number of cuts, cuts, with flag 4 the length of a request (2 bytes)
+// and the request, stream. Flags: 1 the tool wants codes, 2 the cuts' lowest bits switch capture, 4
+// the tool has sent the request. A cut below 128 is the length of a chunk, others stand for 32
+// times as much.
 #include "buffer/stream_splitter.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/bytes.h"
@@ -90,8 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t id = 0; id < kEquipmentIds; ++id)
         Take(Framed(SetMask(id, "")));
     Take(Framed(SetMask(4, MaskOf({(flags & 1) != 0 ? 3U : 8U, 0x11C, 0x77E}))));
-    if ((flags & 4) != 0) Take(input.Runs(input.Byte()).substr(0, kDiagAreaSize - 1));
-    const std::string stream = input.Runs(SIZE_MAX);
+    const uint8_t low = (flags & 4) != 0 ? input.Byte() : 0;
+    const size_t requestSize = (flags & 4) != 0 ? low + 256U * (input.Byte() & 63U) : 0;
+    if ((flags & 4) != 0) Take(input.Bytes(requestSize));
+    const std::string stream = input.Bytes(SIZE_MAX);
     const Divided cut = Divide(stream, cuts, (flags & 2) != 0);
     if ((flags & 2) != 0) return 0;
     const Divided whole = Divide(stream, "", false);

@@ -1,8 +1,8 @@
-// soak MINUTES [SEED]: one daemon and the steps of the end-to-end tests, each with capture off and
-// on, in random order. After each, the daemon must hold what it held before.
+// soak MINUTES [SEED], as scripts/soak checks them: one daemon and the steps of the end-to-end
+// tests, each with capture off and on, in random order. After each, the daemon must hold what it
+// held before.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
@@ -54,10 +54,6 @@ class Soak : public Handset {
         const std::chrono::duration<double> took = Clock::now() - start;
         printf(" %.1f s, %ld kB\n", took.count(), resident);
     }
-    void Report() const {
-        printf("a tool is served again after at most %d ms; %zu descriptors, %zu threads, %ld kB\n",
-               static_cast<int>(slowest.count()), mDescriptors, mThreads, mResident);
-    }
 
   private:
     size_t Entries(const char* directory) const {
@@ -76,13 +72,8 @@ class Soak : public Handset {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const double minutes = argc > 1 ? strtod(argv[1], nullptr) : 0;
-    if (minutes <= 0) {
-        fprintf(stderr, "usage: soak MINUTES [SEED]\n");
-        return 2;
-    }
-    const auto seed =
-        static_cast<unsigned>(argc > 2 ? strtoul(argv[2], nullptr, 10) : time(nullptr));
+    const double minutes = std::stod(argv[1]);
+    const auto seed = static_cast<unsigned>(argc > 2 ? std::stoul(argv[2]) : time(nullptr));
     printf("soak: %s minutes, seed %u\n", argv[1], seed);
     Soak soak(seed);
     const auto end = Clock::now() + std::chrono::seconds(static_cast<int>(60 * minutes));
@@ -93,6 +84,6 @@ int main(int argc, char** argv) {
             ADD_FAILURE() << error.what();
         }
     }
-    soak.Report();
+    printf("a tool is served again after at most %d ms\n", static_cast<int>(soak.slowest.count()));
     return HasFailed() ? 1 : 0;
 }

@@ -1,4 +1,4 @@
-// Bytes and frames for tests of all levels.
+// Bytes, frames and files for tests of all levels.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -92,6 +94,15 @@ inline std::string Pattern(size_t count, unsigned seed = 0) {
         bytes[i] = byte == 0x4B ? 'k' : byte;
     }
     return bytes;
+}
+
+inline std::string Contents(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void Store(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 // pattern: an extended regular expression for a part of text, where . takes line ends, too.

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <csignal>
-#include <mutex>
 #include <vector>
 
 #include "base/log_switch.h"
@@ -37,7 +36,7 @@ class Flash : public testing::Test {
         files.Store(bytes.data(), static_cast<int>(bytes.size()));
         return files.Path();
     }
-    std::string Stored() const { return TempDir::Content(files.Path()); }
+    std::string Stored() const { return Contents(files.Path()); }
 
     LogLines log;
     TempDir dir;
@@ -55,11 +54,11 @@ TEST_F(Flash, RotatesAndListsItsFilesByConnection) {
     files.OpenRecordFile();
     const std::string third = Store(std::string(20000, 'd'));
     files.Close();
-    EXPECT_EQ(std::string(9999, 'a') + "b", TempDir::Content(first));
-    EXPECT_EQ("c", TempDir::Content(second));
-    EXPECT_EQ(std::string(20000, 'd'), TempDir::Content(third));
+    EXPECT_EQ(std::string(9999, 'a') + "b", Contents(first));
+    EXPECT_EQ("c", Contents(second));
+    EXPECT_EQ(std::string(20000, 'd'), Contents(third));
     EXPECT_EQ("\n\n" + first + "\n" + second + "\n\n\n" + third + "\n",
-              TempDir::Content(dir / "record.txt"));
+              Contents(dir / "record.txt"));
     EXPECT_TRUE(Matches(first, "/diag_log_20[0-9_.-]*.qmdl$")) << first;
     for (const std::string& path : {first, dir / "record.txt"})
         EXPECT_EQ(0640U, static_cast<unsigned>(fs::status(path).permissions())) << path;
@@ -134,33 +133,10 @@ TEST_F(Flash, PoolKeepsChunksWholeAndInOrder) {
         pool.Exit();
         EXPECT_EQ(0, Put(pool, "late"));
         pool.Join();
-        EXPECT_TRUE(Same(all, TempDir::Content(whole.Path())));
+        EXPECT_TRUE(Same(all, Contents(whole.Path())));
         EXPECT_EQ(all.empty(), std::string(whole.Path()).empty());
         fs::remove(whole.Path());
     }
-}
-
-// The producer waits until a slot is free when all are full and the writer stands.
-TEST_F(Flash, FullPoolHoldsTheProducer) {
-    std::mutex gate;
-    std::unique_lock<std::mutex> held(gate);
-    log.On("PoolBuffer: open file succeed",
-           [&gate] { const std::lock_guard<std::mutex> wait(gate); });
-    LogFiles whole((dir / "").c_str(), 1 << 30);
-    PoolBuffer pool(whole);
-    for (int i = 0; i < 49; ++i) {
-        EXPECT_TRUE(pool.HasSpace());
-        Put(pool, std::string(kSlotSize, 'x'));
-    }
-    Put(pool, "y");
-    EXPECT_FALSE(pool.HasSpace());
-    auto waiting = Waiting([&pool] { return Put(pool, "fits, but waits"); });
-    held.unlock();
-    EXPECT_EQ(15, waiting.get());
-    pool.Exit();
-    pool.Join();
-    EXPECT_EQ(1, log.Count("PoolBuffer: Read wait cond"));
-    EXPECT_EQ(49U * kSlotSize + 16, TempDir::Content(whole.Path()).size());
 }
 
 }  // namespace

@@ -62,32 +62,6 @@ struct Direction {
     CircularBufferExt buffer;
 };
 
-TEST(Direction, AltersCommandsAtTheStartOfARead) {
-    const std::string disable = Hex("4B 12 18 02 01 7E");
-    const std::string one = Framed(SetMask(1, "\x01"));
-    const struct {
-        const char* name;
-        const char* direction;
-        int32_t logEnable;
-        std::string in, out;
-    } kRows[] = {
-        {"tool's request to end the framing", kToModem, 0, disable, Hex("4B 12 18 02 00 7E")},
-        {"with capture on", kToModem, 1, disable, Hex("4B 12 18 02 00 7E")},
-        {"modem's answer to it", kToTool, 0, disable, Hex("13 12 18 02 01 7E")},
-        {"not at the start", kToModem, 1, "\x7E" + disable, "\x7E" + disable},
-        {"merged with the capture's mask", kToModem, 1, one, Framed(SetMask(1, "\x81"))},
-        {"no capture", kToModem, 0, one, one},
-    };
-    for (const auto& row : kRows) {
-        Direction d(row.direction, row.logEnable);
-        const std::string captured = Framed(SetMask(1, "\x80"));
-        d.mask.ParseSetLogMask(captured.data(), captured.data() + captured.size());
-        EXPECT_EQ(-EAGAIN, d.Feed(row.in)) << row.name;
-        EXPECT_EQ(static_cast<int>(row.out.size()), d.Write()) << row.name;
-        EXPECT_TRUE(Same(row.out, d.Sent())) << row.name;
-    }
-}
-
 TEST(Direction, ReadsAsMuchAsFits) {
     for (const int32_t logEnable : {0, 1}) {
         Direction d(kToModem, logEnable);

@@ -42,7 +42,6 @@ TEST_F(LogMaskTest, FileIsSentAsFarAsItIsWhole) {
         std::string sent;
         std::optional<std::string> property;
     } kRows[] = {
-        {"unset", {{"DIAG.cfg", kFirst}, {".cfg", kSecond}}, kFirst, {}},
         {"empty", {{"DIAG.cfg", kFirst}, {".cfg", kSecond}}, kFirst, ""},
         {"upper case", {{"LTE.cfg", kFirst}, {"lte.cfg", kSecond}}, kSecond, "LTE"},
         {"ends of the alphabet", {{"[az]@.cfg", kSecond}}, kSecond, "[AZ]@"},
@@ -163,24 +162,17 @@ TEST_F(LogMaskTest, BudgetBoundsTheWaitsInBlockingMode) {
     EXPECT_EQ(0, fcntl(modem.near, F_GETFL) & O_NONBLOCK);
 }
 
-TEST_F(LogMaskTest, DisableSendsThreeRequestsAndTracesTheReplies) {
-    const std::string requests = Hex("73 00 00 00 00 00 00 00 DA 81 7E") +
-                                 Hex("7D 5D 05 00 00 00 00 00 00 74 41 7E") + Hex("60 00 12 6A 7E");
-    EXPECT_EQ(1, mask.DisableLog(0));
-    EXPECT_EQ(requests, Arrived());
-    // Of a reply of more than 200 bytes, the two ends are traced, 20 bytes a line.
+// Of a reply of more than 200 bytes the two ends, 20 bytes a line.
+TEST_F(LogMaskTest, DisableTracesTheReplies) {
     const std::string reply = Pattern(201);
-    const auto traced = [&](size_t at, size_t n) {
-        return log.Count(FormatHex(reply.substr(at, n), 20));
-    };
+    const auto traced = [&](size_t at) { return log.Count(FormatHex(reply.substr(at, 20), 20)); };
     log.On("disableLoggingcfgOff ret: 1", [&] { WriteAll(modem.far, reply); });
     log.On("DisableExtMSGMask ret: 1", [&] { WriteAll(modem.far, reply.substr(20, 180)); });
     EXPECT_EQ(1, mask.DisableLog(1));
-    EXPECT_EQ(requests, Arrived());
     for (size_t at = 0; at < 200; at += 20)
-        EXPECT_EQ((at < 60 ? 1 : 0) + (at < 20 ? 0 : 1), traced(at, 20)) << at;
-    EXPECT_EQ(1, traced(161, 20));
-    EXPECT_EQ(1, traced(181, 20));
+        EXPECT_EQ((at < 60 ? 1 : 0) + (at < 20 ? 0 : 1), traced(at)) << at;
+    EXPECT_EQ(1, traced(161));
+    EXPECT_EQ(1, traced(181));
 }
 
 TEST_F(LogMaskTest, TimeStampIsKeptInWholeFrames) {

@@ -32,22 +32,17 @@ TEST(MaskList, CompilesToExactBytes) {
 }
 
 TEST(MaskList, NamesTheLineOfAnError) {
-    const std::string notCode =
-        "l:1: not a log code such as 0x117C or a range such as 0xB0C0-0xB0CF: ";
-    const std::string widthTakes =
-        "l:1: width takes an equipment id (0 to 13) and a number of bits (1 to 4096): ";
     const std::string hex16380(32760, '1');
     const std::pair<std::string, std::string> cases[] = {
         {"\n0x1000\nfoo 1 # x\n",
          "l:3: unknown item (there are log codes, width, events on, messages on, timestamp, raw): "
          "foo 1"},
-        {"0x10G0", notCode + "0x10G0"},
-        {"0x1000-0x2000", "l:1: the range leaves the first code's equipment id: 0x1000-0x2000"},
-        {"0xE000", "l:1: equipment ids 14 and 15 have no log masks: 0xE000"},
+        {"0x10G0", "l:1: not a log code such as 0x117C or a range such as 0xB0C0-0xB0CF: 0x10G0"},
         {"0x100B\n0x1000-0x100C\n0x1001\nwidth 1 12",
          "l:2: log code 0x100C lies beyond the 12 bits given in line 4"},
         {"width 1 8\n\nwidth 1 8", "l:3: equipment id 1 has a width from line 1 already: 1 8"},
-        {"width 1 4097", widthTakes + "1 4097"},
+        {"width 1 4097",
+         "l:1: width takes an equipment id (0 to 13) and a number of bits (1 to 4096): 1 4097"},
         // With its check sequence B8 16 and 0x7E the first is as long as the daemon reads.
         {"raw 60" + hex16380 + "\nraw 6011" + hex16380,
          "l:2: raw: a frame of 16385 bytes; the daemon reads frames up to 16384"},

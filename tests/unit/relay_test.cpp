@@ -37,15 +37,4 @@ TEST_F(Relay, GivesUpAToolWhoseModemTakesNothing) {
     EXPECT_EQ(1, log.Count(" has waited long enough"));
 }
 
-TEST_F(Relay, NeedsBothSides) {
-    char byte = 0;
-    const int port = std::exchange(modem.near, -1);
-    EXPECT_EQ(0, Run()) << "no modem";
-    EXPECT_EQ(0, read(tool.far, &byte, 1)) << "the tool is disconnected";
-    EXPECT_EQ(-1, Run()) << "neither";
-    modem.near = port;
-    EXPECT_EQ(-1, Run()) << "no tool";
-    EXPECT_EQ(0, read(modem.far, &byte, 1));
-}
-
 }  // namespace

@@ -15,16 +15,14 @@ class Divided {
   public:
     Divided() { Want({0x123, 0x77E}); }
     int ToTool(const char* data, int len) {
-        tool.append(data, static_cast<size_t>(len) / mDivisor);
-        return len / mDivisor;
+        tool.append(data, static_cast<size_t>(len));
+        return len;
     }
     int ToFlash(const char* data, int len) {
         ++stores;
         flash.append(data, static_cast<size_t>(len));
         return len;
     }
-    // From now on the tool's side takes so much less.
-    void TakeOneIn(int divisor) { mDivisor = divisor; }
     void Want(const std::vector<uint32_t>& items) {
         Record(mRequests, Framed(SetMask(4, MaskOf(items))));
     }
@@ -33,7 +31,7 @@ class Divided {
         const size_t before = tool.size();
         if (isOn) splitter.ParseReadData(&chunk[0], &chunk[0] + chunk.size());
         if (!isOn) splitter.PassRaw(chunk.data(), static_cast<int>(chunk.size()));
-        EXPECT_EQ(mDivisor == 1, splitter.Counts().IsBalanced());
+        EXPECT_TRUE(splitter.Counts().IsBalanced());
         return tool.substr(before);
     }
 
@@ -44,7 +42,6 @@ class Divided {
 
   private:
     ToolLogRequests mRequests;
-    int mDivisor = 1;
 
   public:
     StreamSplitter<Divided> splitter{mRequests, areAnswersRewritten, *this};
@@ -199,60 +196,6 @@ TEST(Splitter, HandsFramesThatFollowEachOtherToFlashInOneCall) {
     EXPECT_EQ(1, divided.stores);
     divided.Take(Hex("7E 1D 7E 79 7E 1D 7E 1D 7E 60 7E"));
     EXPECT_EQ(4, divided.stores);
-}
-
-TEST(Splitter, CountsWhatEachSideTook) {
-    Divided divided;
-    divided.Take(Named("60 01 7E W 1D 7E A1"));
-    const size_t wanted = Named("W").size();
-    const ByteCounts& counts = divided.splitter.Counts();
-    EXPECT_EQ(3 + wanted + 2 + 6, counts.mTotalLengthForReadDataFromBP);
-    EXPECT_EQ(3 + wanted, counts.mTotalLengthForSavedToFlash);
-    EXPECT_EQ(wanted + 2 + 6, counts.mTotalLengthForReadDataWriteToAP);
-    EXPECT_EQ(wanted, counts.mTotalLengthForLogDataWriteToAp);
-    divided.TakeOneIn(2);
-    divided.Take(Hex("1D 7E"));  // a side that takes less shows: Take looks at the balance
-}
-
-// What is too long to be kept reaches the tool as it is, and so does all that comes behind it.
-TEST(Splitter, PassesAnswersThatAreTooLong) {
-    for (const size_t length : {16385, 20476, 60000}) {
-        std::string frame;
-        while (frame.size() < length)  // every chunk begins like an answer
-            frame += Hex("73 00 00 00 04");
-        frame.replace(length - 1, std::string::npos, "\x7E");
-        Divided divided;
-        const std::string in = frame + Named("U") + Answer(1, 4, "") + Named("1D 7E A");
-        for (size_t at = 0; at < in.size(); at += 4095)
-            divided.Take(in.substr(at, 4095));
-        EXPECT_TRUE(Same(frame + Answer(1, 4, "") + Named("1D 7E A*"), divided.tool)) << length;
-    }
-}
-
-// Everything that has a state of its own: log packets wanted and not, with escapes in their head
-// and too short ones, and all kinds of 0x73 answers.
-TEST(Splitter, CutsChangeNothing) {
-    const std::string escapes = Hex("7E 00 7D 7D 7E");
-    const std::string stream = Named("79 01 02 7E 7E W") + LogFrame(0x477E, escapes) +
-                               Hex("1D 7E 10 00 00 00 00 00 23 7E") + LogFrame(0x477D, escapes) +
-                               Named("S 10 7E 60 08 7E 4B 12 7E W") +
-                               Answer(4, 4, Hex("7E 7D 7E 7D")) + Answer(1, 4, "") +
-                               Hex("98 7E 73 7E FF 0A 7E 10 00 7D 7E 73 00 00 00 03 7E 99 7E");
-    Divided whole;
-    whole.Take(stream);
-    for (size_t cut = 0; cut < stream.size(); ++cut) {
-        SCOPED_TRACE(cut);
-        Divided divided;
-        for (size_t at = 0; at < stream.size();) {
-            const std::string chunk = stream.substr(at, cut == 0 ? 1 : at == 0 ? cut : SIZE_MAX);
-            divided.Take(chunk);
-            at += chunk.size();
-        }
-        EXPECT_TRUE(Same(whole.tool, divided.tool));
-        EXPECT_TRUE(Same(whole.flash, divided.flash));
-        EXPECT_EQ(whole.splitter.Counts().mTotalLengthForLogDataWriteToAp,
-                  divided.splitter.Counts().mTotalLengthForLogDataWriteToAp);
-    }
 }
 
 }  // namespace

@@ -34,10 +34,6 @@ TEST(ToolLogRequests, WantTheCodesOfTheirBits) {
         int lastId;                    // as recorded
     } kRows[] = {
         {"any bit of any id", {Wants(0, {8}), Wants(13, {4095})}, {0x0008, 0xDFFF}, 13},
-        {"escaped mask",
-         {Framed(SetMask(1, "\x7E"))},
-         {0x1001, 0x1002, 0x1003, 0x1004, 0x1005, 0x1006},
-         1},
         {"a later one adds", {Wants(4, {5}), Wants(4, {1, 5})}, {0x4001, 0x4005}, 4},
         {"emptied, then wanted", {Wants(4, {5}), Wants(4, {}), Wants(4, {6})}, {0x4006}, 4},
         {"too short for a mask empties", {Wants(1, {0}), Framed(noMask + Le32(0))}, {}, 1},

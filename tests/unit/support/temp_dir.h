@@ -4,9 +4,9 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
+
+#include "tests/support/bytes.h"
 
 class TempDir {
   public:
@@ -23,11 +23,7 @@ class TempDir {
     const std::string& Path() const { return mPath; }
     std::string operator/(const std::string& name) const { return mPath + "/" + name; }
     void Store(const std::string& name, const std::string& bytes) const {
-        std::ofstream(*this / name, std::ios::binary) << bytes;
-    }
-    static std::string Content(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
+        ::Store(*this / name, bytes);
     }
 
   private:

@@ -23,18 +23,6 @@ namespace e2e {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// Sends the next piece by way of write(bytes, count), which returns how many were taken.
-template <typename Write>
-void SendSome(Side& side, Write write) {
-    const size_t at = side.sent % side.out.size();
-    const auto count = std::min<uint64_t>(side.out.size() - at, side.end - side.sent);
-    side.sent += write(side.out.data() + at, std::min<size_t>(count, 1 << 16));
-}
-
-}  // namespace
-
 void SetLink(bool isUp) {
     if (system(isUp ? "ip link set usb0 up" : "ip link set usb0 down") != 0) ADD_FAILURE();
 }
@@ -72,7 +60,14 @@ size_t Side::StopFlood() {
     return count;
 }
 
+void Side::WriteSome(int fd) {
+    const size_t at = sent % out.size();
+    const auto count = std::min<uint64_t>({out.size() - at, end - sent, 1 << 16});
+    sent += static_cast<uint64_t>(std::max<ssize_t>(write(fd, out.data() + at, count), 0));
+}
+
 Handset::Handset() {
+    signal(SIGPIPE, SIG_IGN);
     answer = [this](const std::string&) {
         return isServing || isMute ? "" : Framed("\x0C answer");
     };
@@ -105,14 +100,8 @@ void Handset::Until(const std::string& what, const std::function<bool()>& condit
         pollfd ends[] = {{mLine ? mLine->fd() : -1, wanted(modem), 0},
                          {mTool ? mTool->fd() : -1, wanted(tool), 0}};
         poll(ends, 2, 3);  // and another look: /proc and files announce nothing
-        if ((ends[0].revents & POLLOUT) != 0) {
-            SendSome(modem, [&](const char* at, size_t n) { return mLine->Write({at, n}); });
-        }
-        if ((ends[1].revents & POLLOUT) != 0) {
-            SendSome(tool, [&](const char* at, size_t n) {
-                return std::max<ssize_t>(send(mTool->fd(), at, n, MSG_NOSIGNAL), 0);
-            });
-        }
+        if ((ends[0].revents & POLLOUT) != 0) modem.WriteSome(mLine->fd());
+        if ((ends[1].revents & POLLOUT) != 0) tool.WriteSome(mTool->fd());
         if ((ends[0].revents & POLLIN) != 0) TakeFromModem();
         if ((ends[1].revents & POLLIN) != 0) TakeFromTool();
     }

@@ -48,6 +48,7 @@ struct Side {
     void Flood(const std::string& bytes);  // over and over, instead
     size_t StopFlood();                    // after a whole one; returns how many there are in all
     bool HasMore() const { return sent < end; }
+    void WriteSome(int fd);
 
     std::string out;
     uint64_t sent = 0;  // of out again and again ...

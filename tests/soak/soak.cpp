@@ -77,12 +77,11 @@ int main(int argc, char** argv) {
     printf("soak: %s minutes, seed %u\n", argv[1], seed);
     Soak soak(seed);
     const auto end = Clock::now() + std::chrono::seconds(static_cast<int>(60 * minutes));
-    for (size_t n = 0; !HasFailed() && Clock::now() < end; ++n) {
-        try {
+    try {
+        for (size_t n = 0; !HasFailed() && Clock::now() < end; ++n)
             soak.Play(n);
-        } catch (const ToolError& error) {
-            ADD_FAILURE() << error.what();
-        }
+    } catch (const ToolError& error) {
+        ADD_FAILURE() << error.what();
     }
     printf("a tool is served again after at most %d ms\n", static_cast<int>(soak.slowest.count()));
     return HasFailed() ? 1 : 0;

@@ -1,11 +1,9 @@
 // Link events from datagrams of routing netlink, built here byte by byte.
 #include "base/link_monitor.h"
 
-#include <gtest/gtest.h>
 #include <net/if.h>
 
-#include <vector>
-
+#include "tests/support/bytes.h"
 #include "tests/support/datagram.h"
 #include "tests/unit/support/log_lines.h"
 #include "tests/unit/support/temp_dir.h"
@@ -15,41 +13,27 @@ namespace {
 constexpr int kUpdated = NETLINK_UTIL_SOCKET_UPDATE_USBLAN_AVAILABLE;
 constexpr int kRemoved = NETLINK_UTIL_SOCKET_UPDATE_USBLAN_REMOVED;
 constexpr int kNone = NETLINK_UTIL_SOCKET_UPDATE_NONE;
-const unsigned kUp = IFF_UP;
-const unsigned kRunning = IFF_RUNNING;
-
-template <typename T>
-std::string Bytes(const T& value) {
-    return {reinterpret_cast<const char*>(&value), sizeof(value)};
-}
+constexpr uint32_t kUp = IFF_UP;
+constexpr uint32_t kRunning = IFF_RUNNING;
 
 // excess: by how much its length claims more than it has.
-std::string Attribute(unsigned short type, std::string data, int excess = 0) {
-    rtattr head = {};
-    head.rta_len =
-        static_cast<unsigned short>(static_cast<int>(sizeof(head) + data.size()) + excess);
-    head.rta_type = type;
+std::string Attribute(uint32_t type, std::string data, uint32_t excess = 0) {
+    const auto size = static_cast<uint32_t>(sizeof(rtattr) + data.size());
     data.resize(RTA_ALIGN(data.size()), '\0');
-    return Bytes(head) + data;
+    return Le32(size + excess + (type << 16)) + data;
 }
 
 std::string Name(const char* name) {
     return Attribute(IFLA_IFNAME, std::string(name, strlen(name) + 1));
 }
 
-std::string Message(unsigned short type, const std::string& payload, int excess = 0) {
-    nlmsghdr head = {};
-    head.nlmsg_type = type;
-    head.nlmsg_len =
-        static_cast<unsigned>(static_cast<int>(sizeof(head) + payload.size()) + excess);
-    return Bytes(head) + payload;
+std::string Message(uint32_t type, const std::string& payload, uint32_t excess = 0) {
+    const auto size = static_cast<uint32_t>(sizeof(nlmsghdr) + payload.size());
+    return Le32(size + excess) + Le32(type) + Le32(0) + Le32(0) + payload;
 }
 
-std::string Link(unsigned flags, unsigned change, const std::string& attributes = Name("usb0")) {
-    ifinfomsg info = {};
-    info.ifi_flags = flags;
-    info.ifi_change = change;
-    return Message(RTM_NEWLINK, Bytes(info) + attributes);
+std::string Link(uint32_t flags, uint32_t change, const std::string& attributes = Name("usb0")) {
+    return Message(RTM_NEWLINK, Le32(0) + Le32(0) + Le32(flags) + Le32(change) + attributes);
 }
 
 const std::string kComes = Link(kUp, kUp);
@@ -71,7 +55,7 @@ TEST(LinkMonitor, ClassifiesMessages) {
         {"name without end", Link(kUp, kUp, Attribute(IFLA_IFNAME, "usb0")), kNone},
         {"name behind others", Link(kUp, kUp, Attribute(IFLA_MTU, "x") + Name("usb0")), kUpdated},
         {"second name", Link(kUp, kUp, Name("eth0") + Name("usb0")), kUpdated},
-        {"too short length", Link(kUp, kUp, Attribute(IFLA_MTU, "", -1) + Name("usb0")), kNone},
+        {"too short length", Link(kUp, kUp, Attribute(IFLA_MTU, "", -1U) + Name("usb0")), kNone},
         {"past the end", Link(kUp, kUp, Attribute(IFLA_IFNAME, {"usb0\0", 5}, 4)), kNone},
         {"no room for the interface", Message(RTM_NEWLINK, std::string(15, '\0')), kNone},
     };
@@ -89,7 +73,7 @@ TEST(LinkMonitor, ClassifiesMessages) {
 TEST(LinkMonitor, HearsTheKernelAlone) {
     const std::string cut = Message(RTM_NEWLINK, kGoes.substr(16), 4);
     const std::string noLink = Message(RTM_DELLINK, kComes.substr(16));
-    const std::string tooShort = Message(RTM_NEWLINK, "", -1);
+    const std::string tooShort = Message(RTM_NEWLINK, "", -1U);
     const struct {
         const char* name;
         Datagram datagram;

@@ -102,32 +102,6 @@ TEST_F(LogMaskTest, CommandsAreKeptUnescapedByEquipmentId) {
 
 // ---- Sending ----
 
-// A pipe holds a page, to the byte.
-TEST_F(LogMaskTest, CutRequestIsEndedByTheNext) {
-    for (const bool isBlocking : {false, true}) {
-        int line[2];
-        ASSERT_EQ(0, pipe2(line, O_CLOEXEC | (isBlocking ? 0 : O_NONBLOCK)));
-        fcntl(line[1], F_SETPIPE_SZ, 4096);
-        mask.SetDiagFd(line[1]);
-        mask.StartWaitBudget(std::chrono::milliseconds(2));
-        EXPECT_EQ(-1, Send(std::string(5000, 'x') + "~"));
-        EXPECT_LT(0, log.Count("Only wrote 4096 bytes"));
-        EXPECT_TRUE(mask.IsWithinFrame());
-        EXPECT_EQ(isBlocking, (fcntl(line[1], F_GETFL) & O_NONBLOCK) == 0);
-        EXPECT_EQ(-1, Send(kFirst)) << "no room for its end";
-        EXPECT_TRUE(mask.IsWithinFrame());
-        EXPECT_EQ(std::string(4096, 'x'), ReadExactly(line[0], 4096));
-        EXPECT_EQ(1, Send(kFirst));
-        EXPECT_FALSE(mask.IsWithinFrame());
-        EXPECT_EQ("\x7E" + kFirst, ReadExactly(line[0], 4));
-        Send("x");
-        EXPECT_EQ(1, Send("~"));
-        EXPECT_EQ("x~", ReadExactly(line[0], 2)) << "one flag is enough";
-        close(line[0]);
-        close(line[1]);
-    }
-}
-
 TEST_F(LogMaskTest, SendResults) {
     EXPECT_EQ(1, Send(kFirst));
     EXPECT_EQ(kFirst, Arrived());
@@ -160,19 +134,6 @@ TEST_F(LogMaskTest, BudgetBoundsTheWaitsInBlockingMode) {
     modem.CloseFar();
     EXPECT_EQ(-1, mask.DiagDataRead()) << "the modem has gone";
     EXPECT_EQ(0, fcntl(modem.near, F_GETFL) & O_NONBLOCK);
-}
-
-// Of a reply of more than 200 bytes the two ends, 20 bytes a line.
-TEST_F(LogMaskTest, DisableTracesTheReplies) {
-    const std::string reply = Pattern(201);
-    const auto traced = [&](size_t at) { return log.Count(FormatHex(reply.substr(at, 20), 20)); };
-    log.On("disableLoggingcfgOff ret: 1", [&] { WriteAll(modem.far, reply); });
-    log.On("DisableExtMSGMask ret: 1", [&] { WriteAll(modem.far, reply.substr(20, 180)); });
-    EXPECT_EQ(1, mask.DisableLog(1));
-    for (size_t at = 0; at < 200; at += 20)
-        EXPECT_EQ((at < 60 ? 1 : 0) + (at < 20 ? 0 : 1), traced(at)) << at;
-    EXPECT_EQ(1, traced(161));
-    EXPECT_EQ(1, traced(181));
 }
 
 TEST_F(LogMaskTest, TimeStampIsKeptInWholeFrames) {

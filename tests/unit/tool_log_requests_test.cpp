@@ -34,7 +34,6 @@ TEST(ToolLogRequests, WantTheCodesOfTheirBits) {
         int lastId;                    // as recorded
     } kRows[] = {
         {"any bit of any id", {Wants(0, {8}), Wants(13, {4095})}, {0x0008, 0xDFFF}, 13},
-        {"a later one adds", {Wants(4, {5}), Wants(4, {1, 5})}, {0x4001, 0x4005}, 4},
         {"emptied, then wanted", {Wants(4, {5}), Wants(4, {}), Wants(4, {6})}, {0x4006}, 4},
         {"too short for a mask empties", {Wants(1, {0}), Framed(noMask + Le32(0))}, {}, 1},
         {"one mask byte", {Framed(noMask + Le32(8) + "\x80")}, {0x1007}, 1},
@@ -84,7 +83,6 @@ TEST(ToolLogRequests, MergeByteByByte) {
         {"emptied: the capture's stays", Wants(1, {}), capture, merged(24, Hex("00 80"))},
         {"no command", Wants(1, {0}), "", ""},
         {"no packet", Hex("00 00 00"), capture, ""},
-        {"one byte", Hex("73 00 00 7E"), "\x01", Framed("\x73")},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -96,30 +94,6 @@ TEST(ToolLogRequests, MergeByteByByte) {
     requests.Take(Framed(SetMask(1, std::string(16000, '\x01'))));
     EXPECT_EQ(kDiagAreaSize - 1U, requests.MergedWith(1, std::string(16380, '\x7E')).size())
         << "cut to an area";
-}
-
-TEST(ToolLogRequests, AreKeptById) {
-    Requests requests;
-    char request[kDiagAreaSize];
-    int len = -1;
-    EXPECT_TRUE(requests.CopyLast(request, len));
-    EXPECT_EQ(0, len) << "nothing was asked";
-    const std::string one = SetMask(1, Hex("7E 01 02"));
-    const std::string other = SetMask(13, Hex("04"));
-    requests.Take(Framed(one));
-    requests.Take(Framed(other));
-    ASSERT_TRUE(requests.CopyLast(request, len));
-    EXPECT_TRUE(Same(other, std::string(request, static_cast<size_t>(len))));
-    const auto copied = [&](int id, int room) {
-        char mask[4] = {9, 9, 9, 9};
-        EXPECT_EQ(id == 1 ? static_cast<int>(one.size()) : 0, requests.CopyMask(id, mask, room));
-        return std::string(mask, 4);
-    };
-    EXPECT_EQ(Hex("7E 01 09 09"), copied(1, 2)) << "no more than there is room";
-    EXPECT_EQ(Hex("7E 01 02 09"), copied(1, 4)) << "no more than there are";
-    EXPECT_EQ(Hex("09 09 09 09"), copied(2, 4));
-    requests.Take(Wants(14, {1}));
-    EXPECT_FALSE(requests.CopyLast(request, len)) << "the last id has no row";
 }
 
 }  // namespace

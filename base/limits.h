@@ -1,4 +1,5 @@
-// How long the daemon waits for a peer. A test hands in shorter ones.
+// How long the daemon waits for a peer. A test hands in shorter ones. base/waiting.h tells who
+// waits for what.
 #pragma once
 
 #include <chrono>
@@ -6,7 +7,13 @@
 struct Limits {
     using ms = std::chrono::milliseconds;
 
-    // One write to a peer that takes nothing: so many tries, so far apart, 2 s in all; once the
+    // From the end of the relay on, all that the connection still waits for. With what else is in
+    // between, 1 s of pause above all, the daemon listens again within 5 s.
+    ms end{3700};
+    // All that programs or disables the modem's logging at a start, or when the switch moves.
+    ms start{10000};
+
+    // One write to a peer that takes nothing: so many pauses, so long, 2 s in all; once the
     // connection ends, and for its last bytes, only as long without progress.
     int writeRetries = 1000;
     ms retryPause{2};
@@ -25,9 +32,10 @@ struct Limits {
     // The tool, for the rest of a frame that the modem has begun to get when the switch moves.
     ms frameEnd{20};
 
-    // In sum, the modem's logging at a connection's start and at its end.
-    ms startBudget{2000};
-    ms endBudget{1000};
+    // The modem's answer to one request of the daemon; and, for all requests of a start or an end,
+    // a modem that answers nothing or takes nothing. Answers and progress cost nothing.
+    ms answer{300};
+    ms inVain{2000};
 
     // The modem's last logs, and then its silence, at the end of a captured connection.
     ms lastLogsPause{350};

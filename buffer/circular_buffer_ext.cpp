@@ -1,16 +1,13 @@
 #include "buffer/circular_buffer_ext.h"
 
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "base/log_switch.h"
-#include "buffer/bounded_write.h"
-#include "buffer/write_pauses.h"
+#include "base/relay_wakeup.h"
 #include "diag/diag_commands.h"
 #include "diag/hdlc.h"
 #include "platform/tagged_log.h"
@@ -18,7 +15,6 @@
 namespace {
 
 constexpr int kTimeStampSize = 256;
-constexpr unsigned long kLongSpan = 4096;  // as much as a tty's reader gets at once
 // A modem that never pauses must not hold the relay thread: the tool's requests, the switch and the
 // link are served between the calls.
 constexpr int kBlocksPerCall = 16;
@@ -41,7 +37,6 @@ CircularBufferExt::CircularBufferExt(char* buffer, unsigned long size, const cha
       mIsDataFromBP(strstr(name, "AP <-- BP") != nullptr),
       mReadFd(readFd),
       mWriteFd(writeFd),
-      mIsWriteFdTty(!mIsDataFromBP && isatty(writeFd) == 1 && tcflow(writeFd, TCOON) == 0),
       mLimits(surroundings.limits),
       mRequests(surroundings.requests),
       mLogMask(&surroundings.logMask),
@@ -71,9 +66,13 @@ int CircularBufferExt::ReadDirect(int fd) {
         }
         mModem->splitter.ReleaseHeld();
     }
-    const auto readSpan = [&](char* at, unsigned long room) {
-        const ssize_t n = read(fd, at, room);
-        if (n <= 0) return n;
+    const auto readSpan = [&](char* at, unsigned long room) -> ssize_t {
+        ssize_t n = 0;
+        do {
+            n = read(fd, at, room);
+            if (n <= 0) return n;
+            if (mIsDataFromBP) n = mLogMask->DropRestOfReply(at, static_cast<int>(n));
+        } while (n == 0);
         if (BeginsHdlcDisable(at, n)) {
             if (mIsDataFromBP) {
                 at[0] = static_cast<char>(kCmdBad);
@@ -102,7 +101,7 @@ int CircularBufferExt::ReadExt(int fd) {
     const unsigned long room =
         std::min<unsigned long>(mRing.MaxBytes() - NumBytes(), sizeof(scratch) - 1);
     unsigned long got = 0;
-    int result = 0;
+    int result = -EAGAIN;  // a full ring is no end of the stream
     while (got < room) {
         const ssize_t n = read(fd, scratch + got, room - got);
         if (n <= 0) {
@@ -146,9 +145,11 @@ int CircularBufferExt::ReadVersionForThread() {
         if (wait == BlockQueue::Wait::kNotYet) return total > 0 ? total : -EAGAIN;
         char* const block = queue.FreeBlock();
         if (block == nullptr) return FailRead(ENOMEM);
-        const auto n = static_cast<int>(read(mReadFd, block, BlockQueue::kBlockSize - 1));
+        auto n = static_cast<int>(read(mReadFd, block, BlockQueue::kBlockSize - 1));
         if (n == 0) return 0;
         if (n < 0) return errno == EAGAIN ? total : FailRead(errno);
+        n = mLogMask->DropRestOfReply(block, n);
+        if (n == 0) continue;
         if (mIsCurrentConfigLogMask != 0) {
             LIB_LOGD("%s: mIsCurrentConfigLogMask: %d, continue", mName, mIsCurrentConfigLogMask);
             continue;
@@ -199,11 +200,10 @@ void CircularBufferExt::ParseAPSetLogMask(char* start, char* end) {
 
 // ---- Writing ----
 
-// One write of the ring's oldest span, at most limit bytes. It may wait for a moment only where
-// this thread alone has the ring. As Ring::WriteSpan.
-bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit, bool mayWait) {
+// One write of the ring's oldest span, at most limit bytes. As Ring::WriteSpan.
+bool CircularBufferExt::WriteSpan(int fd, ssize_t& written, unsigned long limit) {
     const bool isAny = mRing.WriteSpan(written, limit, [&](const char* at, unsigned long len) {
-        return mayWait && len >= kLongSpan ? WriteBounded(fd, at, len) : write(fd, at, len);
+        return mIsDataFromBP ? write(fd, at, len) : mLogMask->Line().WriteTool(fd, at, len);
     });
     if (!isAny) return false;
     if (written < 0 && errno == EAGAIN) NoteRefusal();
@@ -225,22 +225,20 @@ void CircularBufferExt::ForgetStall() {
     if (mIsDataFromBP && mModem->queue.IsProcessReadThreadExit() != 0) mThreadExitCode = -EAGAIN;
 }
 
-// Writes until the ring is empty. waitForRoom paces the tries on a descriptor that takes nothing.
-template <typename WaitForRoom>
-int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
+// Writes until the ring is empty. pauses: between the tries on a descriptor that takes nothing.
+int CircularBufferExt::WriteAll(int fd, WritePauses pauses) {
     int total = 0;
     ssize_t n = 0;
-    bool mayWait = WaitForRoom::kMayWait && mIsWriteFdTty;
-    while (WriteSpan(fd, n, mRing.MaxBytes(), std::exchange(mayWait, false))) {
+    while (WriteSpan(fd, n, mRing.MaxBytes())) {
         if (n == 0) return 0;
         if (n > 0) {
             total += static_cast<int>(n);
             LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
-            waitForRoom.NoteProgress(fd, IsEmpty());
+            pauses.NoteProgress();
             continue;
         }
         const int error = errno;
-        if (error == EAGAIN && waitForRoom.Pause(fd)) continue;
+        if (error == EAGAIN && pauses.Pause(fd)) continue;
         total = -error;
         break;
     }
@@ -252,44 +250,32 @@ int CircularBufferExt::WriteAll(int fd, WaitForRoom waitForRoom) {
 }
 
 int CircularBufferExt::Write(int fd) {
-    return WriteAll(fd, RetryPauses(mLimits, mStop));
+    return WriteAll(fd, {WritePauses::Kind::kWrite, mLimits, mEnd});
 }
 
 int CircularBufferExt::Flush(int fd) {
     const ScopedNonBlocking nonBlocking(fd);
-    const int result = WriteAll(fd, FlushWaits(mLimits, RefusedSince()));
-    if (result == -EAGAIN) {
-        LIB_LOGE("%s: flush given up, %lu bytes left", mName, NumBytes());
+    const int result = WriteAll(fd, {WritePauses::Kind::kFlush, mLimits, mEnd});
+    const bool hasDropped = mIsDataFromBP && mModem->toolLoss == -EAGAIN;
+    if (result == -EAGAIN || hasDropped) {
+        LIB_LOGE("%s: flush given up, %lu bytes left", mName,
+                 NumBytes() + (hasDropped ? mModem->droppedBytes : 0));
     }
     return result;
 }
 
-bool CircularBufferExt::WriteWholeFrames(int fd, Clock::time_point deadline) {
+bool CircularBufferExt::WriteWholeFrames(int fd, const Deadline& deadline) {
     unsigned long left = mRing.NumBytesUpTo(kHdlcFlag);
     ssize_t n = 0;
-    while (left > 0 && WriteSpan(fd, n, left, false)) {
+    while (left > 0 && WriteSpan(fd, n, left)) {
         if (n > 0) {
             LIB_LOGD("%s: wrote %d bytes:", mName, static_cast<int>(n));
             left -= static_cast<unsigned long>(n);
             continue;
         }
-        if (n == 0 || errno != EAGAIN || Clock::now() >= deadline) break;
-        WaitWritable(fd, deadline);
+        if (n == 0 || errno != EAGAIN || !WaitFor(fd, POLLOUT, deadline)) break;
     }
-    return EndsOnFrame();
-}
-
-void CircularBufferExt::PutFrameEndFirst() {
-    mRing.PutFirst(static_cast<char>(kHdlcFlag));
-}
-
-bool CircularBufferExt::EndsOnFrame() const {
-    const int last = mRing.LastWritten();
-    return last == -1 || last == kHdlcFlag;
-}
-
-void CircularBufferExt::SetEndsOnFrame(bool endsOnFrame) {
-    mRing.SetLastWritten(endsOnFrame ? -1 : 0);
+    return !mLogMask->Line().IsWithinFrame();
 }
 
 bool CircularBufferExt::CopyDataToBuffer(const char* src, int len) {
@@ -299,14 +285,21 @@ bool CircularBufferExt::CopyDataToBuffer(const char* src, int len) {
     return false;
 }
 
-// Appends the tool's share, writing the ring out when it has no room behind a long answer.
+// Appends the tool's share, writing the ring out when it has no room behind a long answer. What is
+// dropped counts as taken: it is told at the end.
 int CircularBufferExt::ToTool(const char* data, int len) {
     const auto most = static_cast<int>(mRing.MaxBytes());
     int taken = 0;
     for (int done = 0; done < len;) {
         const int piece = std::min(len - done, most);
-        while (NumBytes() + static_cast<unsigned long>(piece) > mRing.MaxBytes() && !IsEmpty()) {
-            if (Write(mWriteFd) <= 0) break;
+        const auto isFull = [&] {
+            return NumBytes() + static_cast<unsigned long>(piece) > mRing.MaxBytes();
+        };
+        while (isFull() && mModem->toolLoss == 0)
+            WriteToTool();
+        if (mModem->toolLoss != 0) {
+            mModem->droppedBytes += static_cast<unsigned long>(len - done);
+            return taken + len - done;
         }
         if (CopyDataToBuffer(data + done, piece)) taken += piece;
         done += piece;
@@ -315,10 +308,17 @@ int CircularBufferExt::ToTool(const char* data, int len) {
 }
 
 int CircularBufferExt::ToFlash(const char* data, int len) {
-    // The tool's share does not wait for the flash; but once a side has failed, the tool is not
-    // tried for each run of the block.
-    if (!IsEmpty() && mThreadExitCode > 0 && !mModem->pool->HasSpace()) Write(mWriteFd);
+    // The tool's share does not wait for the flash.
+    if (!mModem->pool->HasSpace()) WriteToTool();
     return mModem->pool->Read(data, len);
+}
+
+// Writes the tool's share; only until a write has failed, since the next would, too. The relay
+// learns of it at once.
+void CircularBufferExt::WriteToTool() {
+    if (IsEmpty() || mModem->toolLoss != 0) return;
+    mModem->toolLoss = std::min(Write(mWriteFd), 0);
+    if (mModem->toolLoss != 0) WakeRelay();
 }
 
 void CircularBufferExt::RequestWrite() {

@@ -12,6 +12,7 @@
 #include "buffer/block_queue.h"
 #include "buffer/ring.h"
 #include "buffer/stream_splitter.h"
+#include "buffer/write_pauses.h"
 #include "capture/log_files.h"
 #include "capture/pool_buffer.h"
 #include "diag/tool_log_requests.h"
@@ -63,22 +64,19 @@ class CircularBufferExt {
     // waits for fd.
     int Write(int fd);
 
+    // The connection ends: from now on all waits of this direction end at the deadline, and those
+    // for a peer after 700 ms without progress. Any thread.
+    void EndBy(const Deadline& deadline) { mEnd = deadline; }
+
     // Write for the end of a connection: waits for a descriptor that takes nothing, whatever its
-    // blocking mode, but gives up after 700 ms without progress and then returns -EAGAIN.
+    // blocking mode, as EndBy allows. -EAGAIN when it gave up, with one line that tells how many
+    // bytes were not taken.
     int Flush(int fd);
 
-    // Writes to fd, which must not block, what the ring holds up to its last 0x7E; waits for fd
-    // until the deadline. Returns EndsOnFrame. Relay thread.
-    bool WriteWholeFrames(int fd, Clock::time_point deadline);
-
-    // Puts one 0x7E before all that the ring holds, if there is room.
-    void PutFrameEndFirst();
-
-    // Whether the last byte written was a 0x7E, or none was written yet.
-    bool EndsOnFrame() const;
-
-    // Says what the last byte at the modem was when it was not written by this buffer.
-    void SetEndsOnFrame(bool endsOnFrame);
+    // "AP --> BP" only. Writes to fd, which must not block, what the ring holds up to its last
+    // 0x7E; waits for fd until the deadline. Returns whether the modem's line is between frames.
+    // Relay thread.
+    bool WriteWholeFrames(int fd, const Deadline& deadline);
 
     // Appends len bytes to the ring or, when they do not fit, drops them all with an error line.
     // Returns whether they fitted. Any thread.
@@ -103,8 +101,9 @@ class CircularBufferExt {
     // what the modem sends is dropped. Returns 1.
     int SetConfigLogMaskStaus(int status);
 
-    // Ends the processing thread and the pool, once all that is queued has reached tool and flash,
-    // drains the modem port, and releases everything. Returns 1. Relay thread, once, at the end.
+    // Ends the processing thread and the pool, once all that is queued has reached flash, and the
+    // tool as far as it takes it in time; drains the modem port, and releases everything. Returns
+    // 1. Relay thread, once, at the end.
     int CloseProcess();
 
     // Routes the relayed bytes [begin, end), at least one, while capture is on; alters them in
@@ -126,6 +125,10 @@ class CircularBufferExt {
         pthread_t thread = {};
         bool isThreadJoinable = false;  // relay thread only
         bool isQueueFull = false;       // still, since the last wait; relay thread only
+        // These belong to the same as the splitter. A write to the tool has failed with toolLoss,
+        // 0 before: the rest of its share is dropped.
+        int toolLoss = 0;
+        unsigned long droppedBytes = 0;
     };
 
     // Reading.
@@ -137,20 +140,21 @@ class CircularBufferExt {
     void ParseAPSetLogMask(char* start, char* end);
 
     // Writing.
-    bool WriteSpan(int fd, ssize_t& written, unsigned long limit, bool mayWait);
-    template <typename WaitForRoom>
-    int WriteAll(int fd, WaitForRoom waitForRoom);
+    bool WriteSpan(int fd, ssize_t& written, unsigned long limit);
+    int WriteAll(int fd, WritePauses pauses);
     void ForgetStall();
 
     // The splitter's sinks.
     int ToTool(const char* data, int len);
     int ToFlash(const char* data, int len);
+    void WriteToTool();
 
     // The processing thread, and the end.
     void StartProcessing();
     static void* ThreadProcessReadDataStart(void* self);
     void ProcessReadDataThread();
     void ProcessBlock();
+    void ProcessOldest();
     int IsThreadExit();
     void StopCapture();
     void DrainModem();
@@ -161,7 +165,6 @@ class CircularBufferExt {
     const bool mIsDataFromBP;
     int& mReadFd;
     int& mWriteFd;
-    const bool mIsWriteFdTty;  // one whose output can be resumed; of "AP --> BP" only
     const Limits mLimits;
     ToolLogRequests& mRequests;
     LogMask* const mLogMask;
@@ -173,6 +176,7 @@ class CircularBufferExt {
     // A -EAGAIN in mThreadExitCode that arose with capture off: the next write clears it.
     std::atomic<bool> mIsStalledWhileLogOff{false};
     std::atomic<int> mStop{0};  // the connection ends
+    std::atomic<Deadline> mEnd{Deadline()};
 
     int mIsCurrentConfigLogMask = 0;    // nonzero while the modem's masks change; relay thread only
     std::unique_ptr<ModemSide> mModem;  // "AP <-- BP" only

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <thread>
 
@@ -41,19 +40,19 @@ void CircularBufferExt::ProcessReadDataThread() {
     for (;;) {
         const BlockQueue::Work work = queue.WaitForWork();
         if (work == BlockQueue::Work::kStop) break;
-        if (work == BlockQueue::Work::kBlock) ProcessBlock();
-        if (!IsEmpty()) Write(mWriteFd);
-        const int exitCode = mThreadExitCode;
+        if (work == BlockQueue::Work::kBlock) ProcessOldest();
+        if (work == BlockQueue::Work::kWrite) WriteToTool();
+        // The relay may have forgotten a stall meanwhile, but not the share that was lost by it.
+        const int exitCode = mModem->toolLoss != 0 ? mModem->toolLoss : mThreadExitCode.load();
         if (exitCode <= 0) {
             LIB_LOGE("CircularBufferExt: Exit ProcessReadDataThread");
             LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread mThreadExitCode =%d  \n", mName,
                      exitCode);
             queue.EndConsuming();
-            mThreadExitCode = exitCode;  // the relay may have forgotten a stall meanwhile
+            mThreadExitCode = exitCode;
             WakeRelay();
             return;
         }
-        if (work == BlockQueue::Work::kBlock) queue.FreeOldest();
     }
     LIB_LOGE("Exit CircularBufferExt: ProcessReadDataThread");
     LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread: exit, mStop: %d", mName, mStop.load());
@@ -74,6 +73,12 @@ void CircularBufferExt::ProcessBlock() {
         LIB_LOGE("Data number is not equal, please check the code");
         LogCounts(ANDROID_LOG_ERROR);
     }
+}
+
+void CircularBufferExt::ProcessOldest() {
+    ProcessBlock();
+    WriteToTool();
+    mModem->queue.FreeOldest();
 }
 
 void CircularBufferExt::LogCounts(int priority) const {
@@ -101,8 +106,8 @@ int CircularBufferExt::IsThreadExit() {
 
 // Takes what the modem still sends, so that it is not relayed.
 void CircularBufferExt::DrainModem() {
-    const auto deadline = Clock::now() + mLimits.drain;
-    while (mLogMask->DiagDataRead() > 0 && Clock::now() < deadline) {
+    const Deadline deadline = mEnd.load().Within(mLimits.drain);
+    while (mLogMask->DiagDataRead() > 0 && !deadline.HasPassed()) {
     }
 }
 
@@ -111,8 +116,11 @@ void CircularBufferExt::StopCapture() {
     IsThreadExit();
     if (mModem->isThreadJoinable) pthread_join(mModem->thread, nullptr);
     mModem->isThreadJoinable = false;
+    // What a thread that ended for an error has left belongs to flash all the same.
+    while (mModem->queue.WaitUntilEmpty(std::chrono::milliseconds(0)) != BlockQueue::Wait::kReady)
+        ProcessOldest();
     if (mLogEnableAtStart != 0) {
-        std::this_thread::sleep_for(mLimits.lastLogsPause);
+        std::this_thread::sleep_until(mEnd.load().Within(mLimits.lastLogsPause).At());
         DrainModem();
         mModem->pool->Exit();
     } else {
@@ -123,6 +131,7 @@ void CircularBufferExt::StopCapture() {
 
 int CircularBufferExt::CloseProcess() {
     LIB_LOGD("%s, CloseProcess Enter", mName);
+    if (mEnd.load().IsNever()) EndBy(Deadline::In(mLimits.end));
     mStop = 1;
     if (mIsDataFromBP) mModem->queue.Stop();
     pthread_mutex_lock(&gLogEnableMutex);

@@ -11,14 +11,6 @@ bool Ring::Append(const char* src, unsigned long len) {
     return true;
 }
 
-void Ring::PutFirst(char byte) {
-    const std::lock_guard<std::mutex> lock(mRingMutex);
-    if (mNumBytes == MaxBytes()) return;
-    mHead = (mHead == 0 ? mBufferSize : mHead) - 1;
-    mBuffer[mHead] = byte;
-    ++mNumBytes;
-}
-
 unsigned long Ring::NumBytesUpTo(unsigned char byte) const {
     const std::lock_guard<std::mutex> lock(mRingMutex);
     unsigned long count = mNumBytes;

@@ -48,7 +48,6 @@ class Ring {
         written = write(mBuffer + mHead, span);
         if (written <= 0) return true;
         mHead += static_cast<unsigned long>(written);
-        mLastWritten = static_cast<unsigned char>(mBuffer[mHead - 1]);
         mNumBytes -= static_cast<unsigned long>(written);
         if (mHead == mBufferSize) {
             mHead = 0;
@@ -61,15 +60,8 @@ class Ring {
     // Appends src[0, len), or nothing when it does not fit: false.
     bool Append(const char* src, unsigned long len);
 
-    // Puts byte before all that the ring holds, or nothing when it is full.
-    void PutFirst(char byte);
-
     // Bytes held up to and including the last that is byte, 0 when none is.
     unsigned long NumBytesUpTo(unsigned char byte) const;
-
-    // The last byte at the other end: written out of here, or set; -1 when neither. Any thread.
-    int LastWritten() const { return mLastWritten; }
-    void SetLastWritten(int byte) { mLastWritten = byte; }
 
   private:
     unsigned long FreeSpanAtTail() const {
@@ -83,5 +75,4 @@ class Ring {
     unsigned long mHead = 0;                  // oldest byte not yet written out; mRingMutex
     unsigned long mTail = 0;                  // where the next byte goes; mRingMutex
     std::atomic<unsigned long> mNumBytes{0};  // from mHead to mTail; changed under mRingMutex
-    std::atomic<int> mLastWritten{-1};        // changed under mRingMutex
 };

@@ -4,108 +4,69 @@
 #include <fcntl.h>
 #include <poll.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "base/limits.h"
+#include "base/waiting.h"
 #include "platform/tagged_log.h"
 
-// Returns whether fd became writable, or failed, until then.
-inline bool WaitWritable(int fd, std::chrono::steady_clock::time_point until) {
-    using Clock = std::chrono::steady_clock;
-    const auto left = std::max<Clock::duration>(until - Clock::now(), Clock::duration(0));
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    const timespec limit = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
-    pollfd entry = {fd, POLLOUT, 0};
-    return ppoll(&entry, 1, &limit, nullptr) > 0;
-}
-
-// The pauses of one Write on a descriptor that takes nothing. Each ends at its time, however late
-// the one before ended, so that all of them last 2 seconds on a busy machine, too.
-class RetryPauses {
+// The pauses of one Write or Flush. One of Write, on a busy machine too, ends 2 ms behind the one
+// before, so that all of them last 2 seconds. Once the connection ends, and in a Flush, they last
+// no longer than some time without progress, nor than the end's deadline.
+class WritePauses {
   public:
-    // Whether a write may wait by itself, as far as the descriptor allows.
-    static constexpr bool kMayWait = true;
+    enum class Kind { kWrite, kFlush };
 
-    // isEnding: not 0 once the connection ends; then they last no longer than those of a flush.
-    RetryPauses(const Limits& limits, const std::atomic<int>& isEnding)
-        : mLimits(limits), mIsEnding(isEnding) {}
+    // end: the deadline of the connection's end, never before it ends.
+    WritePauses(Kind kind, const Limits& limits, const std::atomic<Deadline>& end)
+        : mIsFlush(kind == Kind::kFlush), mLimits(limits), mEnd(end) {}
 
-    // Pauses before the next try; false when the tries are used up.
+    // Pauses before the next try on fd, which took nothing; false when there is none.
     bool Pause(int fd) {
-        LIB_LOGE("write error, try again,retry_count: %d", mRetries);
-        if (mRetries + mShortWrites >= mLimits.writeRetries) return false;
+        const auto retries = static_cast<int>(mWaited / mLimits.retryPause);
+        if (!mIsFlush) LIB_LOGE("write error, try again,retry_count: %d", retries);
+        if (!mIsFlush && retries >= mLimits.writeRetries) return false;
         // Ready, but took nothing all the same: its readiness is no reason to try sooner.
         if (mWasReady) mTrustsReadiness = false;
-        if (mIsMoving) mNextTry = mStalledSince = Clock::now();
+        const auto now = Deadline::Clock::now();
+        if (mIsMoving) mNextTry = mStalledSince = now;
         mIsMoving = false;
-        if (mIsEnding != 0 && Clock::now() - mStalledSince >= mLimits.stallAtEnd) return false;
-        mNextTry += mLimits.retryPause;
-        mWasReady = mTrustsReadiness && WaitWritable(fd, mNextTry);
-        if (!mTrustsReadiness) std::this_thread::sleep_until(mNextTry);
-        if (mWasReady) mIsMoving = true;
-        ++mRetries;
+        const Deadline end = EndOfTries();
+        if (end.HasPassed()) return false;
+        mNextTry += mIsFlush ? mLimits.flushTryInterval : mLimits.retryPause;
+        const Deadline nextTry(std::min(mNextTry, end.At()));
+        mWasReady = mTrustsReadiness && WaitFor(fd, POLLOUT, nextTry);
+        if (!mTrustsReadiness) std::this_thread::sleep_until(nextTry.At());
+        // One that ended early counts for as long as it lasted.
+        const Deadline::Clock::duration whole = mLimits.retryPause;
+        mWaited += mWasReady ? std::min(Deadline::Clock::now() - now, whole) : whole;
         return true;
     }
 
-    // fd took bytes. When it did not take all, it is full: the next try would be in vain so soon.
-    void NoteProgress(int fd, bool tookAll) {
+    // fd took bytes.
+    void NoteProgress() {
         mIsMoving = true;
         mTrustsReadiness = true;
         mWasReady = false;
-        if (tookAll || mRetries + mShortWrites >= mLimits.writeRetries) return;
-        ++mShortWrites;
-        mWasReady = WaitWritable(fd, Clock::now() + mLimits.retryPause);
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
+    Deadline EndOfTries() const {
+        const Deadline end = mEnd;
+        if (!mIsFlush && end.IsNever()) return end;
+        return Deadline(std::min(end.At(), mStalledSince + mLimits.stallAtEnd));
+    }
 
+    const bool mIsFlush;
     const Limits& mLimits;
-    int mRetries = 0;
-    int mShortWrites = 0;  // waited for like a retry, in sum no longer
-    const std::atomic<int>& mIsEnding;
-    Clock::time_point mStalledSince;  // valid, as is the next, while fd takes nothing
-    Clock::time_point mNextTry;
-    bool mIsMoving = true;  // fd has just taken bytes, or may take some
+    const std::atomic<Deadline>& mEnd;
+    Deadline::Clock::duration mWaited{0};       // in all pauses
+    Deadline::Clock::time_point mStalledSince;  // valid, as is the next, while fd takes nothing
+    Deadline::Clock::time_point mNextTry;
+    bool mIsMoving = true;  // fd has just taken bytes
     bool mWasReady = false;
     bool mTrustsReadiness = true;
-};
-
-// The waits of one Flush; the clock starts again with each progress.
-class FlushWaits {
-    using Clock = std::chrono::steady_clock;
-
-  public:
-    static constexpr bool kMayWait = false;
-
-    // refusedSince: as the ring's RefusedSince.
-    FlushWaits(const Limits& limits, Clock::time_point refusedSince) : mLimits(limits) {
-        if (refusedSince != Clock::time_point()) mLastProgress = refusedSince;
-    }
-
-    bool Pause(int fd) {
-        const Clock::time_point now = Clock::now();
-        const Clock::time_point end = mLastProgress + mLimits.stallAtEnd;
-        if (now >= end) return false;
-        const bool isReady = WaitWritable(fd, std::min(end, now + mLimits.flushTryInterval));
-        // Ready, but took nothing all the same.
-        if (isReady && mWasReady) std::this_thread::sleep_for(mLimits.retryPause);
-        mWasReady = isReady;
-        return true;
-    }
-
-    void NoteProgress(int /*fd*/, bool /*tookAll*/) {
-        mWasReady = false;
-        mLastProgress = Clock::now();
-    }
-
-  private:
-    const Limits& mLimits;
-    Clock::time_point mLastProgress = Clock::now();
-    bool mWasReady = false;
 };
 
 // Makes a descriptor non-blocking for its scope, without a line in the log.

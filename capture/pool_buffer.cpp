@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/scheduling.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -144,7 +143,6 @@ void PoolBuffer::StoreFullSlots() {
 }
 
 void PoolBuffer::WriteThread() {
-    WakeAtOnce();  // a store has several waits for the flash
     mLogFiles.OpenRecordFile();
     StoreFullSlots();
     LIB_LOGD("PoolBuffer: thread stop");

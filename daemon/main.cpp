@@ -13,7 +13,6 @@
 #include <cstring>
 
 #include "base/log_switch.h"
-#include "base/scheduling.h"
 #include "daemon/ipc_connection.h"
 #include "daemon/property_watch.h"
 #include "platform/tagged_log.h"
@@ -68,6 +67,5 @@ int main(int argc, char** argv) {
     ReadLogSwitchAtStart();
     pthread_mutex_init(&gLogEnableMutex, nullptr);
     pthread_create(&gListenerThread, nullptr, ListenerThread, nullptr);
-    WakeWithoutInterrupting();  // the watcher, created before, wakes as usual
     start_ipc_connection();
 }

@@ -7,7 +7,6 @@
 
 #include "base/log_switch.h"
 #include "base/relay_wakeup.h"
-#include "buffer/bounded_write.h"
 #include "platform/tagged_log.h"
 
 namespace {
@@ -37,7 +36,6 @@ void* ListenerThread(void* /*unused*/) {
     DAEMON_LOGE("ListenerThread start");
     for (;;) {
         usleep(kPollIntervalUs);
-        EndLongWrite();
         const int32_t wanted = ReadSwitch(value);
         if (wanted == gLogEnable) continue;
         pthread_mutex_lock(&gLogEnableMutex);

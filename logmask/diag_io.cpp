@@ -14,14 +14,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kSendTries = 5;
-constexpr useconds_t kSendRetryPauseUs = 5000;
+constexpr std::chrono::milliseconds kSendRetryPause(5);
 constexpr std::chrono::milliseconds kReadyPause(2);
-// A reply that comes in time costs this share of its wait: a modem that answers surely, but slowly,
-// is heard out, and still cannot hold the daemon longer than so many times the budget.
-constexpr int kReplyCostDivisor = 2;
 constexpr char kFlag = static_cast<char>(kHdlcFlag);
 
 bool IsBlocking(int flags) {
@@ -30,51 +25,36 @@ bool IsBlocking(int flags) {
 
 }  // namespace
 
-// Waits for the port as far as the budget allows, and takes the wait off it. Returns whether the
-// port is ready, or has failed.
-bool LogMask::WaitFor(short events) {
-    const auto start = Clock::now();
-    const auto deadline = start + mWaitBudget;
-    int ready = 0;
-    do {
-        const auto left = std::max<Clock::duration>(deadline - Clock::now(), Clock::duration(0));
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-        const timespec limit = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
-        pollfd entry = {mDiagFd, events, 0};
-        ready = ppoll(&entry, 1, &limit, nullptr);
-    } while (ready < 0 && errno == EINTR);
-    const auto waited = std::min<std::chrono::nanoseconds>(Clock::now() - start, mWaitBudget);
-    mWaitBudget -= ready > 0 && events == POLLIN ? waited / kReplyCostDivisor : waited;
-    return ready > 0;
+void LogMask::SpendInVain(Deadline::Clock::time_point since) {
+    mInVain -= std::min(Deadline::Clock::now() - since, mInVain);
 }
 
-// Sleeps at the cost of the budget.
-void LogMask::Rest(std::chrono::nanoseconds pause) {
-    std::this_thread::sleep_for(pause);
-    mWaitBudget -= std::min(pause, mWaitBudget);
-}
-
-// Writes as a port in blocking mode would, but only as long as the wait budget lasts. Returns the
-// bytes written, or -1 with errno when there were none.
-int LogMask::WriteWithinBudget(const char* data, int len) {
+// Writes as a port in blocking mode would, but waits only as StartWaits allows, anew with each
+// progress. Returns the bytes written, or -1 with errno when there were none.
+int LogMask::WriteWaiting(const char* data, int len) {
     const int flags = fcntl(mDiagFd, F_GETFL, 0);
     fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
     int done = 0;
     int error = 0;
+    auto stalledSince = Deadline::Clock::now();
     bool wasReady = false;
     while (done < len) {
-        const ssize_t n = write(mDiagFd, data + done, static_cast<size_t>(len - done));
+        const ssize_t n = mLine.WriteRequest(mDiagFd, data + done, static_cast<size_t>(len - done));
         if (n > 0) {
             done += static_cast<int>(n);
+            stalledSince = Deadline::Clock::now();
             wasReady = false;
             continue;
         }
         error = n < 0 ? errno : 0;
         if (error != EAGAIN) break;
-        // Ready, but took nothing all the same: that costs, too.
-        if (wasReady) Rest(kReadyPause);
-        wasReady = WaitFor(POLLOUT) && mWaitBudget.count() > 0;
-        if (!wasReady) break;
+        const Deadline end(std::min(mDeadline.At(), stalledSince + mInVain));
+        // Ready, but took nothing all the same.
+        if (wasReady) std::this_thread::sleep_until(end.Within(kReadyPause).At());
+        wasReady = WaitFor(mDiagFd, POLLOUT, end);
+        if (wasReady && !end.HasPassed()) continue;
+        SpendInVain(stalledSince);
+        break;
     }
     fcntl(mDiagFd, F_SETFL, flags);
     errno = error;
@@ -87,7 +67,7 @@ int LogMask::DiagDataSend(const char* data, int len) {
         LIB_LOGE("Paras is invalid, please check ");
         return -1;
     }
-    if (mIsWithinFrame && data[0] != kFlag && SendFrame(&kFlag, 1) == -1) return -1;
+    if (mLine.IsWithinFrame() && data[0] != kFlag && SendFrame(&kFlag, 1) == -1) return -1;
     return SendFrame(data, len);
 }
 
@@ -95,9 +75,10 @@ int LogMask::DiagDataSend(const char* data, int len) {
 int LogMask::SendFrame(const char* data, int len) {
     const bool blocking = IsBlocking(fcntl(mDiagFd, F_GETFL, 0));
     for (int attempt = 0; attempt < kSendTries; ++attempt) {
-        const int n = blocking ? WriteWithinBudget(data, len)
-                               : static_cast<int>(write(mDiagFd, data, static_cast<size_t>(len)));
-        if (n > 0) mIsWithinFrame = data[n - 1] != kFlag;
+        const int n =
+            blocking
+                ? WriteWaiting(data, len)
+                : static_cast<int>(mLine.WriteRequest(mDiagFd, data, static_cast<size_t>(len)));
         if (n == len) return 1;
         if (n >= 0) {
             LIB_LOGE(" Failed to write FTM, Only wrote %d bytes", n);
@@ -109,43 +90,85 @@ int LogMask::SendFrame(const char* data, int len) {
         }
         LIB_LOGE("DiagDataSend send fail, retry");
         HexTrace(data, len);
-        usleep(kSendRetryPauseUs);
+        std::this_thread::sleep_until(mDeadline.Within(kSendRetryPause).At());
     }
     return -1;
 }
 
-// One read of the port into area, waited for as far as the budget allows when the port is in
-// blocking mode. Returns the bytes read, or -1 with an error line.
+// Reads behind a request until its answer has come; waits as StartWaits allows.
+void LogMask::ReadReplies(const char* request, int len, bool isTraced) {
+    mReplies.Expect(request, len);
+    if (!mReplies.IsAnswerExpected()) return;
+    const auto since = Deadline::Clock::now();
+    const Deadline end(std::min(mDeadline.At(), since + std::min(mAnswerLimit, mInVain)));
+    const int flags = fcntl(mDiagFd, F_GETFL, 0);
+    fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
+    // Without an answer in time the last read finds nothing, and says so.
+    mHasAnswer = false;
+    bool isReady = true;
+    while (!mHasAnswer && isReady) {
+        isReady = mDiagFd != -1 && WaitFor(mDiagFd, POLLIN, end);
+        if ((isTraced ? DiagDataReadForDisableLog() : DiagDataRead()) < 1) break;
+    }
+    fcntl(mDiagFd, F_SETFL, flags);
+    if (!mHasAnswer) SpendInVain(since);
+}
+
+// One read of the port into area, without waiting. Returns the bytes read, or -1 with an error
+// line.
 int LogMask::ReadOnce(char (&area)[kDiagAreaSize]) {
     if (mDiagFd == -1) {
         LIB_LOGE(" FTM port not opened");
         return -1;
     }
-    const int flags = fcntl(mDiagFd, F_GETFL, 0);
-    const bool blocking = IsBlocking(flags);
-    int n = -1;
-    if (!blocking || WaitFor(POLLIN)) {
-        // Not in blocking mode: readiness is a promise that nobody has to keep.
-        if (blocking) fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
-        n = static_cast<int>(read(mDiagFd, area, sizeof(area)));
-        if (blocking) fcntl(mDiagFd, F_SETFL, flags);
-    }
+    const auto n = static_cast<int>(read(mDiagFd, area, sizeof(area)));
     if (n <= 0) {
         LIB_LOGE(" Failed to read any data from FTM port,cout_read_bytes=%d", n);
         return -1;
     }
+    mBeginsReply = !mReplies.IsWithinFrame();
+    mHasAnswer = mReplies.Take(area, n);
     return n;
 }
 
 int LogMask::DiagDataRead() {
     char area[kDiagAreaSize];
     const int n = ReadOnce(area);
-    if (n > 0 && static_cast<unsigned char>(area[0]) == kCmdTimeStamp) {
-        LIB_LOGD(" Suessfully read data from FTM port,and bytes=%d", n);
-        memcpy(mTimeStamp, area, static_cast<size_t>(n));
-        mTimeStampLen = n;
+    const auto isTimeStamp = [&](int at) {
+        return static_cast<unsigned char>(area[at]) == kCmdTimeStamp;
+    };
+    if (n < 1) return n;
+    if (mBeginsReply && isTimeStamp(0)) {
+        KeepTimeStamp(area, n);
+    } else if (mHasAnswer) {
+        // The modem's logs stand around its answer.
+        for (int at = 0, end = 0; at < n; at = end) {
+            const char* const flag = FindFrameEnd(area + at, area + n);
+            if (flag == nullptr) break;
+            end = static_cast<int>(flag - area) + 1;
+            if (at > 0 && isTimeStamp(at)) KeepTimeStamp(area + at, end - at);
+        }
     }
     return n;
+}
+
+// Without the beginning of another frame behind it.
+void LogMask::KeepTimeStamp(const char* data, int len) {
+    LIB_LOGD(" Suessfully read data from FTM port,and bytes=%d", len);
+    const void* const lastFlag = memrchr(data, kHdlcFlag, static_cast<size_t>(len));
+    if (lastFlag != nullptr) len = static_cast<int>(static_cast<const char*>(lastFlag) - data) + 1;
+    memcpy(mTimeStamp, data, static_cast<size_t>(len));
+    mTimeStampLen = len;
+}
+
+int LogMask::DropRestOfReply(char* data, int len) {
+    if (!mReplies.IsWithinFrame()) return len;
+    const char* const flag = FindFrameEnd(data, data + len);
+    if (flag == nullptr) return 0;
+    mReplies.Reset();
+    const auto rest = static_cast<int>(data + len - (flag + 1));
+    memmove(data, flag + 1, static_cast<size_t>(rest));
+    return rest;
 }
 
 int LogMask::DiagDataReadForDisableLog() {
@@ -173,7 +196,7 @@ int LogMask::DisableLog(int readReplies) {
     for (const auto& request : kRequests) {
         const int ret = DiagDataSend(request.frame, request.len);
         LIB_LOGD("%s ret: %d", request.name, ret);
-        if (readReplies != 0) DiagDataReadForDisableLog();
+        if (readReplies != 0) ReadReplies(request.frame, request.len, true);
     }
     return 1;
 }

@@ -115,7 +115,7 @@ void LogMask::SendMaskFrame(const char* frame, int len, int readReplies) {
         LIB_LOGE("Diag_data_send comand failed, and continue to send next one");
     } else if (readReplies != 0) {
         LIB_LOGD("Diag data send successfully, and begine to do read operations");
-        DiagDataRead();
+        ReadReplies(frame, len, false);
     }
 }
 

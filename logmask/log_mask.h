@@ -6,16 +6,20 @@
 #include <cstdint>
 #include <string>
 
+#include "base/limits.h"
+#include "base/waiting.h"
 #include "diag/diag_commands.h"
 #include "diag/hdlc.h"
+#include "diag/reply_frames.h"
+#include "logmask/modem_line.h"
 
 // The one object that programs the modem's logging, and keeps what capture needs of it: the
 // set-log-mask commands of the files loaded, whether there was any, and the modem's last time-stamp
 // reply. The daemon's lives as long as the process. Relay thread only, but for IsLogPacketEnable
 // (any thread).
 //
-// Every send and read goes to the descriptor recorded last, which the caller owns. On a descriptor
-// in blocking mode the waits are bounded in sum by StartWaitBudget.
+// Every send and read goes to the descriptor recorded last, which the caller owns. StartWaits
+// bounds what they wait for in sum.
 class LogMask {
   public:
     static LogMask* GetInstance();
@@ -28,19 +32,28 @@ class LogMask {
     // Records the connection's modem port, or -1 when it has none.
     void SetDiagFd(int fd) {
         mDiagFd = fd;
-        mIsWithinFrame = false;
+        mReplies.Reset();
     }
 
-    // Whether the last request was cut: the port took a part of it only.
-    bool IsWithinFrame() const { return mIsWithinFrame; }
+    // What the modem has got, of all connections.
+    ModemLine& Line() { return mLine; }
 
-    // Allows the following sends and reads to wait so long, in sum, for a modem that takes or
-    // answers nothing; waits for replies that come count less. Then all go on without waiting.
-    void StartWaitBudget(std::chrono::milliseconds budget) { mWaitBudget = budget; }
+    // Allows the following sends and reads to wait until the deadline, for an answer no longer than
+    // limits.answer, and limits.inVain in sum for a modem that takes or answers nothing. Then all
+    // go on without waiting.
+    void StartWaits(const Deadline& deadline, const Limits& limits) {
+        mDeadline = deadline;
+        mAnswerLimit = limits.answer;
+        mInVain = limits.inVain;
+    }
+
+    // Takes the rest of a frame whose head was read behind a request out of the modem's next bytes
+    // data[0, len). Returns the length of what is left, which then begins at data.
+    int DropRestOfReply(char* data, int len);
 
     // Sends the requests of the log-mask file that the property selects to fd and records fd. With
-    // readReplies each request is followed by one read of its reply, which is not relayed. Returns
-    // 1, also when nothing could be sent.
+    // readReplies what the modem sends is read behind each request until the answer has come, and
+    // not relayed; fd must be in blocking mode. Returns 1, also when nothing could be sent.
     int DiagMask(int& fd, int readReplies);
 
     // DiagMask for the file at path. Returns 1 when the file was read, else -1.
@@ -54,7 +67,7 @@ class LogMask {
     // pointers.
     int CountOfLogPacket(const char* begin, const char* end);
 
-    // Sends one frame whole, after a 0x7E when the frame before was cut. Returns 1, or -1 with an
+    // Sends one frame whole, after a 0x7E when the line is within a frame. Returns 1, or -1 with an
     // error line.
     int DiagDataSend(const char* data, int len);
 
@@ -62,8 +75,8 @@ class LogMask {
     // the bytes read or -1.
     int DiagDataRead();
 
-    // Switches the modem's logs, messages and events off. With readReplies one reply is read and
-    // traced after each of the three requests. Returns 1.
+    // Switches the modem's logs, messages and events off. With readReplies, as in DiagMask, the
+    // replies are read and traced. Returns 1.
     int DisableLog(int readReplies);
 
     // Reads once and traces what was read. Returns the bytes read or -1.
@@ -88,20 +101,29 @@ class LogMask {
 
   private:
     void SendMaskFrame(const char* frame, int len, int readReplies);
-    int WriteWithinBudget(const char* data, int len);
     int SendFrame(const char* data, int len);
+    int WriteWaiting(const char* data, int len);
+    void ReadReplies(const char* request, int len, bool isTraced);
     int ReadOnce(char (&area)[kDiagAreaSize]);
-    bool WaitFor(short events);
-    void Rest(std::chrono::nanoseconds pause);
+    void KeepTimeStamp(const char* data, int len);
+    void SpendInVain(Deadline::Clock::time_point since);
 
     const std::string mMaskDirectory;
     char mMaskFile[501] = {};  // path last given to DiagMaskRead
     char mSetLogMaskCmd[kEquipmentIds][kDiagAreaSize] = {};
     int32_t mSetLogMaskCmdLen[kEquipmentIds] = {};  // bytes; 0: none
     int32_t mDiagFd = 0;
-    bool mIsWithinFrame = false;                // the last frame sent was cut
     std::atomic<bool> mLogPacketEnable{false};  // never cleared
     char mTimeStamp[kDiagAreaSize] = {};
-    int32_t mTimeStampLen = 0;                // bytes
-    std::chrono::nanoseconds mWaitBudget{0};  // what is left of it
+    int32_t mTimeStampLen = 0;  // bytes
+
+    // As StartWaits.
+    Deadline mDeadline{Deadline::Clock::time_point::min()};
+    Deadline::Clock::duration mAnswerLimit{0};
+    Deadline::Clock::duration mInVain{0};  // what is left of it
+
+    ModemLine mLine;
+    ReplyFrames mReplies;
+    bool mBeginsReply = false;  // the last bytes read began a frame
+    bool mHasAnswer = false;    // an answer ended in them
 };

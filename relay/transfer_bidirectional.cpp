@@ -1,6 +1,5 @@
 #include "relay/transfer_bidirectional.h"
 
-#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -14,8 +13,9 @@
 #include "base/log_switch.h"
 #include "base/relay_wakeup.h"
 #include "base/set_blocking.h"
-#include "diag/hdlc.h"
+#include "base/waiting.h"
 #include "platform/tagged_log.h"
+#include "relay/port_drain.h"
 #include "relay/tool_watch.h"
 #include "relay/transfer_buffer.h"
 
@@ -25,30 +25,18 @@ namespace {
 
 constexpr useconds_t kStartPauseUs = 4000;
 constexpr useconds_t kReconfigurePauseUs = 20000;
-// Whether the last byte that the last connection sent to the modem was a 0x7E, or there was none.
-bool gModemEndsOnFrame = true;
-
-// Ends the frame that the modem is in, so that no request of the daemon's becomes a part of it.
-void EndFrameAtModem() {
-    static constexpr char kFlag = static_cast<char>(kHdlcFlag);
-    gLogMaskInstance->DiagDataSend(&kFlag, 1);
-}
 
 // Brings the modem's logging in line with the switch at the start of a connection. Returns the
 // switch as acted on.
 int32_t AlignModemLogging(int& bpFd, const Limits& limits) {
     gLogMaskInstance->SetDiagFd(bpFd);
-    gLogMaskInstance->StartWaitBudget(limits.startBudget);
+    gLogMaskInstance->StartWaits(Deadline::In(limits.start), limits);
     const int32_t logEnable = gLogEnable;
     if (logEnable == 0 && gLogEnablePrev == 0) return logEnable;
     if (logEnable == 0) {
         LIB_LOGD("gLogEnablePrev:%d, force disable log again", gLogEnablePrev.load());
     }
     set_blocking(bpFd, true);
-    if (!gModemEndsOnFrame && bpFd != -1) {
-        EndFrameAtModem();
-        gModemEndsOnFrame = true;
-    }
     if (logEnable != 0) {
         gLogMaskInstance->DiagMask(bpFd, 1);
     } else {
@@ -73,22 +61,20 @@ class Connection {
           mToModemStorage(new char[bufferSize]),
           mToToolStorage(new char[bufferSize]),
           mToModem(mToModemStorage.get(), bufferSize, "AP --> BP", mApFd, mBpFd, surroundings),
-          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd, surroundings) {
-        mToModem.SetEndsOnFrame(gModemEndsOnFrame);
-        if (gLogMaskInstance->IsWithinFrame()) mToModem.PutFrameEndFirst();
-    }
+          mToTool(mToToolStorage.get(), bufferSize, "AP <-- BP", mBpFd, mApFd, surroundings) {}
 
     void Relay(const timeval* timeout, void (*timeoutCallback)(void*), void* callbackArg);
     int TearDown();
 
   private:
     int32_t FollowSwitch();
-    void EndToolFrame();
+    void CompleteToolFrame();
     bool HasBufferFailed() const;
     bool HandleReady();
     bool IsToolGivenUp();
     bool IsOverAt(std::chrono::steady_clock::time_point moment);
     bool IsLinkRemoved();
+    bool FlushToModem();
 
     int mApFd;  // tool's socket, -1 when there is none or it has been closed
     int mBpFd;  // modem port, likewise
@@ -142,20 +128,15 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
     }
 }
 
-// Gives the tool a moment to complete a frame that the modem has begun to get; then ends it.
-void Connection::EndToolFrame() {
-    const auto deadline = std::chrono::steady_clock::now() + mLimits.frameEnd;
+// Gives the tool a moment to complete a frame that the modem has begun to get.
+void Connection::CompleteToolFrame() {
+    const Deadline deadline = Deadline::In(mLimits.frameEnd);
     while (!mToModem.WriteWholeFrames(mBpFd, deadline)) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd entry = {mApFd, POLLIN, 0};
-        if (left.count() <= 0 || mToModem.IsFull()) break;
-        if (poll(&entry, 1, static_cast<int>(left.count())) <= 0) break;
+        if (mToModem.IsFull() || !WaitFor(mApFd, POLLIN, deadline)) break;
         // What ends the stream shows again in the next pass.
         const int n = mToModem.Read(mApFd);
         if (n <= 0 && n != -EAGAIN) break;
     }
-    if (!mToModem.EndsOnFrame()) EndFrameAtModem();
 }
 
 // Reprograms or disables the modem's logging when the switch moved since it was last acted on.
@@ -167,7 +148,8 @@ int32_t Connection::FollowSwitch() {
     mToTool.SetConfigLogMaskStaus(1);
     mToModem.SetConfigLogMaskStaus(1);
     logEnable = gLogEnable;
-    EndToolFrame();
+    CompleteToolFrame();
+    gLogMaskInstance->StartWaits(Deadline::In(mLimits.start), mLimits);
     if (logEnable != 0) {
         gLogMaskInstance->DiagMask(mBpFd, 0);
     } else {
@@ -175,8 +157,6 @@ int32_t Connection::FollowSwitch() {
         LIB_LOGE("end, and status:%d", status);
     }
     usleep(kReconfigurePauseUs);
-    mToModem.SetEndsOnFrame(true);
-    if (gLogMaskInstance->IsWithinFrame()) mToModem.PutFrameEndFirst();
     mToTool.SetConfigLogMaskStaus(0);
     mToModem.SetConfigLogMaskStaus(0);
     mLastLogEnable = logEnable;
@@ -235,33 +215,46 @@ bool Connection::IsLinkRemoved() {
     return true;
 }
 
-// Flushes both directions and closes both descriptors. Returns the result of closing the tool's
-// socket, or -1 when there is none.
+// The tool's last bytes, those included that a tool that is gone has left in its socket. Returns
+// whether the modem took them.
+bool Connection::FlushToModem() {
+    mToolWatch.Update();
+    while (mToModem.Flush(mBpFd) >= 0 && mToModem.IsEmpty()) {
+        if (mToolWatch.HasEnded()) mToModem.Read(mApFd);
+        if (mToModem.IsEmpty()) return true;
+    }
+    return false;
+}
+
+// Flushes both directions and closes both descriptors, by one deadline. Returns the result of
+// closing the tool's socket, or -1 when there is none.
 int Connection::TearDown() {
+    const Deadline end = Deadline::In(mLimits.end);
+    mToModem.EndBy(end);
+    mToTool.EndBy(end);
     if (mBpFd != -1) {
         set_blocking(mBpFd, true);
-        const bool takesBytes = mToModem.Flush(mBpFd) != -EAGAIN;
-        gModemEndsOnFrame = mToModem.EndsOnFrame();
+        const bool takesBytes = FlushToModem();
         if (gLogEnable != 0) {
-            gLogMaskInstance->StartWaitBudget(takesBytes ? mLimits.endBudget
-                                                         : std::chrono::milliseconds(0));
-            if (!gModemEndsOnFrame) EndFrameAtModem();
+            gLogMaskInstance->StartWaits(takesBytes ? end : Deadline::In({}), mLimits);
             gLogMaskInstance->DisableLog(1);
-            gModemEndsOnFrame = !gLogMaskInstance->IsWithinFrame();
         }
         set_blocking(mBpFd, false);
     }
     mToTool.CloseProcess();
     if (mBpFd != -1) {
+        DrainPort(mBpFd, end);
         close(mBpFd);
         mBpFd = -1;
     }
-    if (mApFd == -1) return -1;
-    set_blocking(mApFd, true);
-    mToTool.Flush(mApFd);
-    mToModem.CloseProcess();
-    const int result = close(mApFd);
-    mApFd = -1;
+    int result = -1;
+    if (mApFd != -1) {
+        set_blocking(mApFd, true);
+        mToTool.Flush(mApFd);
+        mToModem.CloseProcess();
+        result = close(mApFd);
+        mApFd = -1;
+    }
     return result;
 }
 

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <termios.h>
@@ -39,7 +38,6 @@ TEST_F(Process, KeepsLittleOfWhatItWasStartedWith) {
                              "\nCapEff:\t0000000000002000\n", "\nUmask:\t0000\n"})
         EXPECT_NE(std::string::npos, status.find(line)) << line << status;
     EXPECT_EQ("/", std::filesystem::read_symlink(Proc("cwd")));
-    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(Pid()));
     EXPECT_FALSE(std::filesystem::exists(Proc("fd/2"))) << "others: link monitor, listening socket";
     Attach();
     EXPECT_EQ("/dev/pts/0", std::filesystem::read_symlink(Proc("fd/1")));

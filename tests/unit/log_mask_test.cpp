@@ -117,23 +117,92 @@ TEST_F(LogMaskTest, SendResults) {
     EXPECT_EQ(-1, mask.DiagDataRead());
 }
 
-TEST_F(LogMaskTest, BudgetBoundsTheWaitsInBlockingMode) {
-    const size_t filled = FillUntilFull(modem.near);
+// None gets into a frame of the other's, whatever the port takes when.
+TEST_F(LogMaskTest, ToolAndDaemonShareTheLine) {
+    const auto tool = [this](const std::string& bytes) {
+        return mask.Line().WriteTool(modem.near, bytes.data(), bytes.size());
+    };
+    EXPECT_EQ(2, tool("to"));
+    FillUntilFull(modem.near);
+    EXPECT_EQ(-1, Send(kFirst)) << "no room for the end of the tool's";
+    Arrived();
+    mask.SetDiagFd(modem.near);  // of the next connection
+    EXPECT_EQ(1, Send(kFirst));
+    EXPECT_EQ("~" + kFirst, Arrived());
+    EXPECT_EQ(4, mask.Line().WriteRequest(modem.near, "half", 4));
+    FillUntilFull(modem.near);
+    EXPECT_EQ(-1, tool("ol~")) << "no room for the end of the daemon's";
+    Arrived();
+    EXPECT_EQ(3, tool("ol~"));
+    EXPECT_EQ(1, Send(kFirst));
+    EXPECT_EQ("~ol~" + kFirst, Arrived());
+    Send("x");
+    EXPECT_EQ(1, Send("~"));
+    EXPECT_EQ("x~", Arrived()) << "one flag is enough";
+}
+
+TEST_F(LogMaskTest, BlockingPortIsWaitedFor) {
+    size_t filled = FillUntilFull(modem.near);
     MakeBlocking();
-    mask.StartWaitBudget(std::chrono::milliseconds(2));
+    Limits limits;
+    limits.inVain = std::chrono::milliseconds(2);
+    mask.StartWaits({}, limits);
     EXPECT_EQ(-1, Send(kFirst));
-    EXPECT_EQ(-1, mask.DiagDataRead());
     EXPECT_EQ(1, log.Count("Failed to write FTM, erron = 11"));
-    mask.StartWaitBudget(std::chrono::hours(1));
+    limits.inVain = std::chrono::hours(1);
+    mask.StartWaits(Deadline::In(std::chrono::milliseconds(2)), limits);
+    EXPECT_EQ(-1, Send(kFirst)) << "the deadline comes first";
+    mask.StartWaits({}, limits);
     auto sent = Waiting([this] { return Send(kFirst); });
     ReadExactly(modem.far, filled);
     EXPECT_EQ(1, sent.get());
-    auto got = Waiting([this] { return mask.DiagDataRead(); });
-    WriteAll(modem.far, kFirst);
-    EXPECT_EQ(3, got.get());
-    modem.CloseFar();
-    EXPECT_EQ(-1, mask.DiagDataRead()) << "the modem has gone";
     EXPECT_EQ(0, fcntl(modem.near, F_GETFL) & O_NONBLOCK);
+}
+
+// What comes around it is lost, and nothing else.
+TEST_F(LogMaskTest, AnswersAreAwaited) {
+    const std::string stamp = HexFrame("1D 01 02"), packet = LogFrame(0x117C);
+    const std::string head = packet.substr(0, 7), rest = packet.substr(7);
+    const struct {
+        const char* name;
+        std::string requests;
+        std::vector<std::string> replies;  // behind each of them
+        std::string stamp;
+        int unanswered;
+        std::string next, relayed;  // what the modem sends then, and what is left of it
+    } kRows[] = {
+        {"quiet modem", HexFrame("1D"), {stamp}, stamp, 0, packet, packet},
+        {"busy modem", HexFrame("1D"), {packet + stamp + head}, stamp, 0, rest + packet, packet},
+        {"rest in two pieces", HexFrame("1D"), {stamp + head}, stamp, 0, rest.substr(0, 3), ""},
+        {"refused", HexFrame("7D 05"), {HexFrame("13 7D 05")}, "", 0, packet, packet},
+        {"not the last answer", HexFrame("1D"), {packet}, "", 1, packet, packet},
+        {"lone flag", "~" + HexFrame("1D"), {"", stamp}, stamp, 0, packet, packet},
+        {"one is not answered", kFirst + HexFrame("1D"), {"", stamp}, stamp, 1, "", ""},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const LogLines lines;
+        dir.Store("DIAG.cfg", row.requests);
+        LogMask loaded(dir.Path().c_str());
+        loaded.SetDiagFd(modem.near);
+        MakeBlocking();
+        size_t count = 0;
+        lines.On("Diag data send successfully", [&] { WriteAll(modem.far, row.replies[count++]); });
+        Limits limits;
+        limits.answer = row.unanswered == 0 ? std::chrono::hours(1) : std::chrono::milliseconds(50);
+        limits.inVain = std::chrono::hours(1);
+        loaded.StartWaits({}, limits);
+        loaded.DiagMask(modem.near, 1);
+        EXPECT_EQ(row.unanswered, lines.Count("Failed to read any data from FTM port"));
+        EXPECT_TRUE(Same(row.requests, Arrived()));
+        EXPECT_EQ("", ReadAvailable(modem.near));
+        char out[kDiagAreaSize];
+        EXPECT_EQ(row.stamp, std::string(out, static_cast<size_t>(loaded.GetTimeStamp(out, 99))));
+        std::string next = row.next;
+        next.resize(static_cast<size_t>(
+            loaded.DropRestOfReply(next.data(), static_cast<int>(next.size()))));
+        EXPECT_TRUE(Same(row.relayed, next));
+    }
 }
 
 TEST_F(LogMaskTest, TimeStampIsKeptInWholeFrames) {

@@ -68,9 +68,7 @@ void Side::WriteSome(int fd) {
 
 Handset::Handset() {
     signal(SIGPIPE, SIG_IGN);
-    answer = [this](const std::string&) {
-        return isServing || isMute ? "" : Framed("\x0C answer");
-    };
+    answer = [this](const std::string& frame) { return isServing || isMute ? "" : frame; };
     MakeLine();
     for (const char* directory : {kMaskDirectory, kCaptureDirectory}) {
         fs::remove_all(directory);
@@ -90,7 +88,8 @@ void Handset::Until(const std::string& what, const std::function<bool()>& condit
                     milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     const auto wanted = [](const Side& side) {
-        return static_cast<short>((side.takes ? POLLIN : 0) | (side.HasMore() ? POLLOUT : 0));
+        const bool takes = side.takes && Clock::now() >= side.next;
+        return static_cast<short>((takes ? POLLIN : 0) | (side.HasMore() ? POLLOUT : 0));
     };
     while (!condition()) {
         if (Clock::now() >= deadline) {
@@ -110,6 +109,7 @@ void Handset::Until(const std::string& what, const std::function<bool()>& condit
 void Handset::TakeFromModem() {
     PtyLine::Input input;
     if (!mLine->Read(&input)) return;
+    modem.next = Clock::now() + modem.rest;
     modem.in += input.data;
     for (const char byte : input.data) {
         mFrame += byte;
@@ -122,7 +122,8 @@ void Handset::TakeFromModem() {
 
 void Handset::TakeFromTool() {
     char chunk[1 << 16];
-    const ssize_t got = read(mTool->fd(), chunk, sizeof(chunk));
+    const ssize_t got = read(mTool->fd(), chunk, std::min(sizeof(chunk), tool.most));
+    tool.next = Clock::now() + tool.rest;
     if (got > 0) tool.in.append(chunk, static_cast<size_t>(got));
     if (got == 0 || (got < 0 && errno != EAGAIN)) mTool.reset();
 }

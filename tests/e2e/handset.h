@@ -25,8 +25,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testing::AssertionResult;
 
-inline constexpr milliseconds kLimit{30000};    // for what must happen
-inline constexpr milliseconds kEndBound{7000};  // for a connection to end
+inline constexpr milliseconds kLimit{30000};      // for what must happen
+inline constexpr milliseconds kEndBound{5000};    // from a connection's end to the next
+inline constexpr milliseconds kTriesBound{7000};  // the same behind 2 s of tries
 
 inline const std::string kMaskFile = kMaskDirectory + std::string("DIAG.cfg");
 
@@ -51,9 +52,12 @@ struct Side {
     void WriteSome(int fd);
 
     std::string out;
-    uint64_t sent = 0;  // of out again and again ...
-    uint64_t end = 0;   // ... up to here
-    bool takes = true;  // what comes
+    uint64_t sent = 0;       // of out again and again ...
+    uint64_t end = 0;        // ... up to here
+    bool takes = true;       // what comes ...
+    size_t most = 1 << 16;   // ... from the tool's socket, so much at once ...
+    milliseconds rest{0};    // ... so far apart
+    Clock::time_point next;  // not before this moment
     std::string in;
 };
 

@@ -84,6 +84,23 @@ TEST_F(LogMasks, AreEndedBeforeTheToolsBytesWhenTheyAreCut) {
     }
 }
 
+// The tool sees nothing of it, and what is captured is whole.
+TEST_F(LogMasks, AreAnsweredAmongLogs) {
+    std::string logs;
+    for (int i = 0; i < 1000; ++i)
+        logs += LogFrame(0x117C, Hex("7E 01 02 03 04"));
+    Store(kMaskFile, HexFrame("1D") + kFileMask);
+    answer = [&](const std::string& frame) { return isServing ? "" : logs + frame + logs; };
+    Start(true);
+    EXPECT_EQ(std::string::npos, Log().find("Failed to read")) << "waited in vain";
+    EXPECT_TRUE(Exchange());
+    Finish();
+    const std::string captured = Captured();
+    EXPECT_EQ(0U, captured.find(HexFrame("1D")));
+    for (const std::string& packet : Packets(captured))
+        ASSERT_NE("?", packet);
+}
+
 // It ends all the same, and what the modem's last bytes tell of the time is kept.
 TEST_F(LogMasks, AreDisabledAtAModemThatNeverStopsSending) {
     Start(true);
@@ -96,7 +113,7 @@ TEST_F(LogMasks, AreDisabledAtAModemThatNeverStopsSending) {
     EXPECT_TRUE(Same(kDisableRequests, modem.in));
     EXPECT_EQ("", tool.in) << "relayed after the end";
     modem.end = 0;
-    answer = [](const std::string&) { return Framed("\x0C answer"); };
+    answer = [](const std::string& frame) { return frame; };
     AttachAgain();
     Finish();
     EXPECT_EQ('\x1D', Captured()[0]) << "not drained";

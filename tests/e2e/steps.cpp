@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <csignal>
+
 #include "tools/modem/sim_modem.h"
 
 namespace e2e {
@@ -34,6 +37,8 @@ AssertionResult IsBegun(const std::string& unit, const std::string& actual) {
     return testing::AssertionSuccess();
 }
 
+constexpr int kRoom = 4096;  // bytes, of a socket: soon full
+
 // What came is the beginning of what was sent, and nothing is missing on flash before it.
 void CheckBegun(const Handset& world, const Mix& mix) {
     const std::string flash = Captured();
@@ -45,7 +50,6 @@ void CheckBegun(const Handset& world, const Mix& mix) {
 // Floods the tool, until it takes nothing if it stalls, and then ends the connection somehow.
 void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end,
                  milliseconds bound = kEndBound) {
-    constexpr int kRoom = 4096;  // soon full
     const Mix mix(world.random, 1'000'000, world.captures);
     const size_t count = world.UpTo(2'000'000);
     world.Attach();
@@ -78,7 +82,7 @@ void FailEverything(Handset& world) {
             world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
             PullLink();
         },
-        milliseconds(20000));
+        kTriesBound);
 }
 
 // Back-pressure; with capture on, for some time only.
@@ -93,7 +97,7 @@ void StallTheTool(Handset& world) {
             world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
             world.Finish();
         },
-        milliseconds(20000));
+        kTriesBound);
 }
 
 // The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
@@ -113,8 +117,91 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain) {
         world.Until("bytes at the modem", [&] { return world.modem.in.size() >= toModem.size(); });
         world.Finish();
     }
-    world.UntilListening(since);
+    world.UntilListening(since, kTriesBound);
     EXPECT_TRUE(!takesAgain || Same(toModem, WithoutOwnRequests(world.modem.in)));
+}
+
+// A tool that reads on, but too slowly for what is queued when the connection ends somehow.
+void EndWithASlowTool(Handset& world) {
+    const Mix mix(world.random, 1'000'000, world.captures);
+    world.Attach();
+    setsockopt(world.ToolFd(), SOL_SOCKET, SO_RCVBUF, &kRoom, sizeof(kRoom));
+    world.tool.most = 3000;
+    world.tool.rest = milliseconds(100);
+    const size_t from = world.Log().size();
+    world.modem.Flood(mix.all);
+    world.UntilLogged(world.captures ? "Read wait cond as buffer is FULL" : "write error", from);
+    const auto since = Clock::now();
+    const size_t end = world.random() % 3;
+    if (end == 0) world.BreakLine();
+    if (end == 1) kill(world.Pid(), SIGHUP);
+    if (end == 2) shutdown(world.ToolFd(), SHUT_WR);
+    world.UntilListening(since, kTriesBound);
+    CheckBegun(world, mix);
+}
+
+// Short answers of the modem, each of which becomes a long one for a tool that takes nothing.
+void StallOnLongAnswers(Handset& world) {
+    std::string answers;
+    for (int i = 0; i < 682; ++i)
+        answers += Hex("73 00 00 00 03 7E");
+    SetProperty("log.tag", "I");  // not 200 MB of traces
+    world.Attach();
+    world.tool.Send(Framed(SetMask(1, std::string(512, '\x01'))));
+    world.tool.takes = false;
+    world.modem.Flood(answers);
+    const auto since = (world.UntilStalled(), Clock::now());
+    world.UntilListening(since, kTriesBound);
+}
+
+// The switch moves while the tool's bytes, none of which ends a frame, fill the ring.
+void SwitchAtAFullRing(Handset& world) {
+    const size_t count = 400'000;
+    world.Attach();
+    world.modem.rest = milliseconds(20);
+    world.tool.Send(std::string(count, 'U'));
+    world.Until("some of it", [&] { return world.modem.in.size() > 50'000; });
+    world.Switch(!world.captures);
+    const auto taken = [&] {
+        return static_cast<size_t>(std::count(world.modem.in.begin(), world.modem.in.end(), 'U'));
+    };
+    world.Until("all of it", [&] { return taken() >= count; });
+    world.Finish();
+    EXPECT_EQ(count, taken());
+}
+
+// The modem pauses for as long as a write waits for it. The tool has gone.
+void PauseTheModem(Handset& world) {
+    const std::string toModem = Mix(world.random, 28'000, false).all;
+    world.Attach();
+    world.modem.takes = false;
+    const size_t from = world.Log().size();
+    world.tool.Send(toModem);
+    world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
+    world.CloseTool();
+    world.UntilLogged("retry_count: 1000", from);
+    world.modem.takes = true;
+    world.UntilListening();
+    EXPECT_TRUE(Same(toModem, WithoutOwnRequests(world.modem.in)));
+}
+
+// The modem answers the requests of the log-mask file, but late, and one not at all.
+void AnswerLate(Handset& world) {
+    std::string requests = "~" + kFileMask;
+    for (int i = 0; i < 20; ++i)
+        requests += Framed("\x0C request " + std::to_string(i));
+    Store(kMaskFile, requests);
+    world.answer = [&](const std::string& frame) {
+        return world.isServing || frame == kFileMask ? "" : frame;
+    };
+    world.Connect();
+    world.modem.rest = milliseconds(80);
+    world.tool.Send(kToolMask);
+    world.Until("served", [&] { return world.isServing; });
+    world.modem.in.clear();
+    EXPECT_TRUE(world.Exchange());
+    world.Finish();
+    Store(kMaskFile, kFileMask);
 }
 
 void Transfer(Handset& world) {
@@ -252,6 +339,11 @@ const std::vector<Step> kSteps = {
     {"ToolThatStalls", StallTheTool, true},
     {"ToolThatStallsAndLeaves",
      [](Handset& world) { EndInAFlood(world, true, [&] { world.CloseTool(); }); }, true},
+    {"ToolThatReadsSlowly", EndWithASlowTool, true},
+    {"ToolThatStallsOnLongAnswers", StallOnLongAnswers, true},
+    {"SwitchMovesAtAFullRing", SwitchAtAFullRing, false},
+    {"ToolThatLeavesAPausingModem", PauseTheModem, false},
+    {"ModemThatAnswersLate", AnswerLate, true},
     {"ModemThatStalls", [](Handset& world) { StallTheModem(world, 140'000, false, true); }, true},
     {"ToolThatLeavesASlowModem", [](Handset& world) { StallTheModem(world, 140'000, true, true); },
      true},

@@ -128,7 +128,7 @@ void EndWithASlowTool(Handset& world) {
     world.Attach();
     constexpr int kSlowRoom = 32768;  // of which the system tells the daemon soon
     setsockopt(world.ToolFd(), SOL_SOCKET, SO_RCVBUF, &kSlowRoom, sizeof(kSlowRoom));
-    world.tool.most = 1000;
+    world.tool.most = 2000;
     world.tool.rest = milliseconds(10);
     const size_t from = world.Log().size();
     world.modem.Flood(mix.forTool);
@@ -139,7 +139,7 @@ void EndWithASlowTool(Handset& world) {
     if (end == 0) world.BreakLine();
     if (end == 1) kill(world.Pid(), SIGHUP);
     if (end == 2) shutdown(world.ToolFd(), SHUT_WR);
-    world.UntilListening(since, kTriesBound);
+    world.UntilListening(since, kEndBound + milliseconds(1000));  // after a turn of the relay
     EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in));
 }
 

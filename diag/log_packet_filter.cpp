@@ -44,6 +44,7 @@ void LogPacketFilter::ReadLogHeader(const char* start, const char* end) {
             mIsLogCodeKnown = true;
             mIsToolNeedCurrentLog = mRequests.IsToolCode(mCurrentFTMLogCode);
             if (mIsToolNeedCurrentLog) LIB_LOGD("mCurrentFTMLogCode: 0x%X", mCurrentFTMLogCode);
+            if (!mIsToolNeedCurrentLog) ForgetHeld();
             return;
         }
     }

@@ -53,37 +53,6 @@ TEST_F(LogMasks, ComeBehindTheEndOfHalfAFrame) {
     EXPECT_TRUE(Gets(modem, "\x7E" + kDisableRequests));
 }
 
-// More requests than a line holds that nobody reads.
-TEST_F(LogMasks, AreEndedBeforeTheToolsBytesWhenTheyAreCut) {
-    const std::string request = "\x0C" + std::string(9000, 'r');
-    std::string file;
-    for (int i = 0; i < 20; ++i)
-        file += Framed(request);
-    Store(kMaskFile, file);
-    for (const bool fromTheStart : {true, false}) {
-        Switch(fromTheStart);
-        modem.takes = !fromTheStart;
-        StartDaemon();
-        fromTheStart ? Connect() : Attach();
-        const auto since = Clock::now();
-        modem.takes = false;
-        Switch(true);
-        UntilLogged(fromTheStart ? "init start" : "end gLogEnable");
-        EXPECT_EQ(fromTheStart, Clock::now() - since > milliseconds(1900)) << "its patience";
-        isServing = false;
-        tool.Send(kToolMask);
-        modem.takes = true;
-        Until("the tool's request", [this] { return isServing; });
-        std::istringstream frames(modem.in);
-        for (std::string frame; std::getline(frames, frame, '\x7E');) {
-            const std::string& whole = frames.peek() == EOF ? kToolMask : Framed(request);
-            EXPECT_TRUE(Same(whole.substr(0, frame.size()), frame));
-        }
-        StopDaemon();
-        MakeLine();
-    }
-}
-
 // The tool sees nothing of it, and what is captured is whole.
 TEST_F(LogMasks, AreAnsweredAmongLogs) {
     std::string logs;

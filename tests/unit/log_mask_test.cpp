@@ -44,6 +44,7 @@ TEST_F(LogMaskTest, FileIsSentAsFarAsItIsWhole) {
     } kRows[] = {
         {"empty", {{"DIAG.cfg", kFirst}, {".cfg", kSecond}}, kFirst, ""},
         {"upper case", {{"LTE.cfg", kFirst}, {"lte.cfg", kSecond}}, kSecond, "LTE"},
+        {"one letter", {{"DIAG.cfg", kFirst}, {"a.cfg", kSecond}}, kSecond, "A"},
         {"ends of the alphabet", {{"[az]@.cfg", kSecond}}, kSecond, "[AZ]@"},
         {"missing", {{"DIAG.cfg", kFirst}}, kFirst, "lte"},
         {"path", {{"DIAG.cfg", kFirst}, {"lte.cfg", kSecond}}, kFirst, "./lte"},

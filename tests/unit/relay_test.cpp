@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "relay/port_drain.h"
 #include "tests/unit/support/descriptors.h"
 #include "tests/unit/support/log_lines.h"
 #include "tests/unit/support/temp_dir.h"
@@ -16,7 +17,8 @@ TEST(Relay, GivesUpAToolWhoseModemTakesNothing) {
     ToolLogRequests requests;
     LogMask mask(dir.Path().c_str());
     Limits limits;
-    limits.refusal = limits.tool = limits.stallAtEnd = std::chrono::milliseconds(1);
+    limits.refusal = limits.tool = limits.stallAtEnd = limits.end = std::chrono::milliseconds(1);
+    limits.writeRetries = 1;
     SocketPair tool;
     SocketPair modem;
     FillUntilFull(modem.near);
@@ -26,6 +28,20 @@ TEST(Relay, GivesUpAToolWhoseModemTakesNothing) {
                      std::exchange(tool.near, -1), std::exchange(modem.near, -1), -1, 16384,
                      nullptr, nullptr, nullptr, {limits, requests, files, mask}));
     EXPECT_EQ(1, log.Count(" has waited long enough"));
+}
+
+// A socket, too, tells of what its peer has not read.
+TEST(Relay, WaitsForWhatThePortHolds) {
+    const LogLines log;
+    SocketPair port;
+    DrainPort(port.near, Deadline::In({}));
+    EXPECT_EQ(0, log.Count("the modem took nothing"));
+    WriteAll(port.near, "held");
+    DrainPort(port.near, Deadline::In(std::chrono::milliseconds(1)));
+    EXPECT_EQ(1, log.Count("the modem took nothing of the last "));
+    auto drained = Waiting([&] { return DrainPort(port.near, {}), true; });
+    ReadExactly(port.far, 4);
+    EXPECT_TRUE(drained.get());
 }
 
 }  // namespace

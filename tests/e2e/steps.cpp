@@ -123,17 +123,17 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain) {
 
 // A tool that reads on, but too slowly for what is queued when the connection ends somehow.
 void EndWithASlowTool(Handset& world) {
+    constexpr int kSlowRoom = 32768;  // of which the system tells the daemon soon
     const Mix mix(world.random, 1'000'000, world.captures);
     SetProperty("log.tag", "I");
     world.Attach();
-    constexpr int kSlowRoom = 32768;  // of which the system tells the daemon soon
     setsockopt(world.ToolFd(), SOL_SOCKET, SO_RCVBUF, &kSlowRoom, sizeof(kSlowRoom));
     world.tool.most = 2000;
     world.tool.rest = milliseconds(10);
-    const size_t from = world.Log().size();
     world.modem.Flood(mix.forTool);
-    if (world.captures) world.UntilLogged("Read wait cond as buffer is FULL", from);
-    world.UntilLogged("retry_count: 30", world.Log().size());
+    const size_t from = world.Log().size();
+    world.UntilLogged(world.captures ? "Read wait cond as buffer is FULL" : "write error", from);
+    if (world.captures) world.UntilLogged("retry_count: 30", world.Log().size());
     const auto since = Clock::now();
     const size_t end = world.random() % 3;
     if (end == 0) world.BreakLine();
@@ -153,8 +153,9 @@ void StallOnLongAnswers(Handset& world) {
     world.tool.Send(Framed(SetMask(1, std::string(512, '\x01'))));
     world.tool.takes = false;
     world.modem.Flood(answers);
-    const auto since = (world.UntilStalled(), Clock::now());
-    world.UntilListening(since, kTriesBound);
+    world.UntilStalled();
+    if (!world.captures) world.CloseTool();
+    world.UntilListening(Clock::now(), kTriesBound);
 }
 
 // The switch moves while the tool's bytes, none of which ends a frame, fill the ring.
@@ -178,9 +179,9 @@ void PauseTheModem(Handset& world) {
     const std::string toModem = Mix(world.random, 28'000, false).all;
     world.Attach();
     world.modem.takes = false;
-    const size_t from = world.Log().size();
     world.tool.Send(toModem);
     world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
+    const size_t from = world.Log().size();
     world.CloseTool();
     world.UntilLogged("retry_count: 1000", from);
     world.modem.takes = true;
@@ -194,9 +195,9 @@ void AnswerLate(Handset& world) {
     for (int i = 0; i < 20; ++i)
         requests += Framed("\x0C request " + std::to_string(i));
     Store(kMaskFile, requests);
-    world.answer = [&](const std::string& frame) {
+    const auto usual = std::exchange(world.answer, [&](const std::string& frame) {
         return world.isServing || frame == kFileMask ? "" : frame;
-    };
+    });
     world.Connect();
     world.modem.rest = milliseconds(80);
     world.tool.Send(kToolMask);
@@ -205,6 +206,7 @@ void AnswerLate(Handset& world) {
     EXPECT_TRUE(world.Exchange());
     world.Finish();
     Store(kMaskFile, kFileMask);
+    world.answer = usual;
 }
 
 void Transfer(Handset& world) {

@@ -155,21 +155,4 @@ TEST_F(Capture, BlocksHoldUpTo4095BytesAndACallTakes16) {
     EXPECT_TRUE(Same(sent, ReadExactly(sink.far, sent.size()))) << "through a ring of 64";
 }
 
-TEST_F(Capture, FullQueueOfAFailedThreadIsTheEnd) {
-    for (int i = 0; i < 400; ++i)
-        Feed(kTool);
-    ClearRelayWakeup();
-    sink.CloseFar();
-    gate.unlock();
-    int result = -EAGAIN;
-    while (result == -EAGAIN)
-        result = Read();
-    EXPECT_EQ(1, result);
-    EXPECT_EQ(-EPIPE, buffer.ThreadExitCode());
-    pollfd wakeup = {RelayWakeupFd(), POLLIN, 0};
-    EXPECT_EQ(1, poll(&wakeup, 1, 20000));
-    gLogEnable = 0;
-    EXPECT_EQ(-EIO, Read()) << "the queue will never be empty";
-}
-
 }  // namespace

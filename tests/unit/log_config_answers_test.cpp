@@ -65,25 +65,4 @@ TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
     }
 }
 
-TEST(LogConfigAnswers, HoldAnAreaOfBytes) {
-    ToolLogRequests requests;
-    Record(requests, Framed(SetMask(4, "\x02")));
-    LogConfigAnswers answers(requests);
-    // As long as an area, escaped; the longest frame that is rewritten.
-    const std::string fields = Le32(0x73) + Le32(4) + Le32(0) + Le32(4) + Le32(8 * 8181);
-    std::string frame = fields + "\x01";
-    for (int i = 0; i < 8180; ++i)
-        frame += "\x7D\x5E";
-    frame += "\x55\x55\x7E";
-    ASSERT_EQ(kDiagAreaSize + 0U, frame.size());
-    EXPECT_TRUE(
-        Same(Framed(fields + "\x02" + std::string(8180, '\0')), Replied(answers, frame, 9)));
-    EXPECT_FALSE(answers.Fits(kDiagAreaSize + 1));
-    answers.Keep(frame.data(), 10000);
-    EXPECT_TRUE(answers.Fits(6384));
-    EXPECT_FALSE(answers.Fits(6385));
-    EXPECT_TRUE(
-        Same(frame.substr(0, 10000), {answers.Kept(), static_cast<size_t>(answers.KeptLength())}));
-}
-
 }  // namespace

@@ -177,7 +177,8 @@ bool Connection::HandleReady() {
 }
 
 // Whether the tool is given up because the modem takes nothing of its bytes, and the tool has gone
-// meanwhile or waited for long. A tool whose bytes move, or find room, is read up to its end.
+// meanwhile or waited for long: the one reason to end that neither side, nor the link, nor a signal
+// gives. A tool whose bytes move, or find room, is read up to its end.
 bool Connection::IsToolGivenUp() {
     if (mToModem.IsFull()) mToModem.NoteRefusal();
     const auto since = mToModem.RefusedSince();

@@ -47,28 +47,6 @@ TEST_F(Capture, ShowsTheToolItsOwnMasksAndPackets) {
                                             ", mTotalLengthForLogDataWriteToAp: " + count(wanted)));
 }
 
-TEST_F(Capture, BeginsAFileWithTheTimeForEachConnection) {
-    const std::string stamp = Framed("\x1D stamp");
-    const std::string report = Framed("\x60" + Pattern(9000));
-    Store(kMaskFile, Framed("\x1D") + kFileMask);
-    answer = [&](const std::string& frame) {
-        return frame == Framed("\x1D") ? stamp : isServing ? "" : frame;
-    };
-    Start(true);
-    modem.Send(report + report);
-    Until("a file meanwhile", [] { return !CaptureFiles().empty(); });
-    Finish();
-    EXPECT_TRUE(Same(stamp + report + report, Captured()));
-
-    Store(kMaskFile, kFileMask);
-    AttachAgain();
-    Finish();
-    const std::vector<std::string> files = CaptureFiles();
-    ASSERT_EQ(2U, files.size());
-    EXPECT_TRUE(Same(stamp, Contents(files[1])));
-    EXPECT_EQ("\n\n" + files[0] + "\n\n\n" + files[1] + "\n", Contents(kRecordFile));
-}
-
 TEST_F(Capture, OnASlowFlashCostsTheToolNothingUntilThePoolIsFull) {
     // The writer thread begins with the record file: a full pipe in its place holds it.
     ASSERT_EQ(0, mkfifo(kRecordFile.c_str(), 0600));

@@ -75,13 +75,10 @@ TEST_F(Process, ListensOnTheInterfaceOfTheProperty) {
     }
 }
 
-TEST_F(Process, RefusesASecondToolUntilTheFirstIsGone) {
+TEST_F(Process, RefusesASecondTool) {
     Start(false);
     EXPECT_NE(std::string::npos, WhyNot(kHandset).find("Connection refused"));
     EXPECT_TRUE(Exchange()) << "disturbed by the second";
-    Finish();
-    AttachAgain();
-    EXPECT_TRUE(Exchange());
 }
 
 // No side gets the other to leave the framing.
@@ -169,8 +166,6 @@ TEST_F(Process, RelaysBetweenToolAndSimulatedModem) {
         const char* pattern;  // of a part of the output
     } kRows[] = {
         {"", 0, "^-> version \\(0x00\\), 1 byte: 00\n<- version.*FCS good: 00 .*\n$"},
-        {"--raw --request '4B 00 03 04 0a0D 11 13 1A 7e7F FF'", 0,
-         "^13 4B 00 03 04 0A 0D 11 13 1A 7D 5E 7F FF .. .. 7E\n$"},
         // Left unfinished: the next connection's bytes are no bulk data.
         {"--timeout 0.3 --request FA520500000000000000", 1, "in time to FA 52"},
         {"--bulk 300k", 0, "-> 300000 bytes.*every byte right.*<- 300000 bytes.*right\n$"},

@@ -68,6 +68,9 @@ TEST_F(LogMasks, AreAnsweredAmongLogs) {
     EXPECT_EQ(0U, captured.find(HexFrame("1D")));
     for (const std::string& packet : Packets(captured))
         ASSERT_NE("?", packet);
+    AttachAgain();
+    Finish();
+    EXPECT_EQ(2U, CaptureFiles().size()) << "one for each connection";
 }
 
 // It ends all the same, and what the modem's last bytes tell of the time is kept.

@@ -37,7 +37,6 @@ TEST(ToolLogRequests, WantTheCodesOfTheirBits) {
         {"emptied, then wanted", {Wants(4, {5}), Wants(4, {}), Wants(4, {6})}, {0x4006}, 4},
         {"too short for a mask empties", {Wants(1, {0}), Framed(noMask + Le32(0))}, {}, 1},
         {"one mask byte", {Framed(noMask + Le32(8) + "\x80")}, {0x1007}, 1},
-        {"bits beyond the bit count", {Framed(noMask + Le32(1) + "\x02")}, {0x1001}, 1},
         {"ids without row", {Wants(13, {1}), Wants(14, {2}), Wants(255, {2})}, {0xD001}, -1},
         {"shortest of all", {Wants(1, {0}), Hex("73 00 00 00 03")}, {0x1000}, 0},
         {"bits beyond the last item", {Framed(SetMask(6, std::string(512, '\0') + "\xFF"))}, {}, 6},

@@ -43,7 +43,6 @@ TEST(LogConfigAnswers, ShowTheToolItsOwnMasks) {
         {"get", {{1, Hex("01 00")}}, get, own},
         {"get, status", {{1, "\x01"}}, Answer(4, 1, "\x7E\x80", 5), Answer(4, 1, Hex("01 00"), 5)},
         {"get, another id", {{1, "\x01"}}, Answer(4, 5, "\xFF"), Answer(4, 5, Hex("00"))},
-        {"get, no more wanted", {{1, "\x01"}, {1, Hex("00")}}, get, Answer(4, 1, Hex("00 00"))},
         {"get, id without row", {{14, "\x01"}}, Answer(4, 14, "\x02"), Answer(4, 14, Hex("00"))},
         {"get, tool's mask shorter", {{4, escapes}}, Answer(4, 4, long7E), cleared},
         {"get, tool's mask longer", {{4, escapes}}, Answer(4, 4, "\xFF"), Answer(4, 4, "\x7E")},

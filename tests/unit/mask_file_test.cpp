@@ -60,7 +60,6 @@ TEST(MaskPrint, PointsOutDamageAndListsTheRest) {
     const std::pair<std::string, Lines> cases[] = {
         {Hex("60 00 00 7E") + good + Hex("60 7E"),
          {"offset 0: bad check sequence", "offset 8: bad check sequence"}},
-        {good + SetHex("01", "0900", "01"), {"offset 4: 1 mask byte for 9 bits"}},
         {Hex("73000000 03000000 0E000000 08000000 01 00 00 7E"),
          {"offset 0: bad check sequence",
           "offset 0: equipment id 14 is above 13: the daemon does not keep its mask"}},

@@ -77,7 +77,6 @@ TEST(ToolLogRequests, MergeByteByByte) {
          capture, Hex("73 00 00 00 03 00 00 00 01 00 00 00 10 00 00 00 01 80 93 8A 7E")},
         {"capture's is longer", Wants(1, {1}), capture, merged(24, Hex("02 80"))},
         {"tool's is longer", Wants(1, {17}), capture, merged(24, Hex("00 80 02"))},
-        {"item 380", Wants(1, {380}), capture, merged(400, MaskOf({15, 380}))},
         {"escapes", Framed(SetMask(1, Hex("7D 7E"))), capture, merged(16, Hex("7D FE"))},
         {"emptied: the capture's stays", Wants(1, {}), capture, merged(24, Hex("00 80"))},
         {"no command", Wants(1, {0}), "", ""},

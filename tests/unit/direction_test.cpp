@@ -137,7 +137,7 @@ const std::string kTool = Hex("1D 7E");
 
 // Its processing thread is held at the first block.
 struct Capture : Direction, testing::Test {
-    Capture() : Direction(kToTool, 1) {
+    Capture() : Direction(kToTool, 1, Limits()) {
         LogLines::On("process mWriteIndex: 0,",
                      [this] { const std::lock_guard<std::mutex> wait(mutex); });
     }

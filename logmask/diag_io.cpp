@@ -103,11 +103,12 @@ void LogMask::ReadReplies(const char* request, int len, bool isTraced) {
     const Deadline end(std::min(mDeadline.At(), since + std::min(mAnswerLimit, mInVain)));
     const int flags = fcntl(mDiagFd, F_GETFL, 0);
     fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
-    // Without an answer in time the last read finds nothing, and says so.
+    // Without an answer in time the last read mostly finds nothing, and says so. A modem that never
+    // pauses is always ready.
     mHasAnswer = false;
     bool isReady = true;
     while (!mHasAnswer && isReady) {
-        isReady = mDiagFd != -1 && WaitFor(mDiagFd, POLLIN, end);
+        isReady = mDiagFd != -1 && WaitFor(mDiagFd, POLLIN, end) && !end.HasPassed();
         if ((isTraced ? DiagDataReadForDisableLog() : DiagDataRead()) < 1) break;
     }
     fcntl(mDiagFd, F_SETFL, flags);
@@ -140,15 +141,20 @@ int LogMask::DiagDataRead() {
     if (n < 1) return n;
     if (mBeginsReply && isTimeStamp(0)) {
         KeepTimeStamp(area, n);
-    } else if (mHasAnswer) {
-        // The modem's logs stand around its answer.
-        for (int at = 0, end = 0; at < n; at = end) {
-            const char* const flag = FindFrameEnd(area + at, area + n);
-            if (flag == nullptr) break;
-            end = static_cast<int>(flag - area) + 1;
-            if (at > 0 && isTimeStamp(at)) KeepTimeStamp(area + at, end - at);
-        }
+        return n;
     }
+    // A busy modem's logs stand around it.
+    int last = 0;
+    int lastEnd = 0;
+    for (int at = 0, end = 0; at < n; at = end) {
+        const char* const flag = FindFrameEnd(area + at, area + n);
+        if (flag == nullptr) break;
+        end = static_cast<int>(flag - area) + 1;
+        if (at == 0 || !isTimeStamp(at)) continue;
+        last = at;
+        lastEnd = end;
+    }
+    if (last > 0) KeepTimeStamp(area + last, lastEnd - last);
     return n;
 }
 

@@ -75,10 +75,13 @@ TEST_F(LogMasks, AreAnsweredAmongLogs) {
 
 // It ends all the same, and what the modem's last bytes tell of the time is kept.
 TEST_F(LogMasks, AreDisabledAtAModemThatNeverStopsSending) {
+    std::string flood;
+    while (flood.size() < 1'000'000)
+        flood += std::string(60, '\x1D') + "\x7E";
     Start(true);
     isServing = false;
     answer = [&](const std::string& frame) {
-        if (kDisableRequests.rfind(frame, 0) == 0) modem.Flood(std::string(60, '\x1D') + "\x7E");
+        if (kDisableRequests.rfind(frame, 0) == 0) modem.Flood(flood);
         return "";
     };
     Finish();

@@ -150,8 +150,7 @@ void StallOnLongAnswers(Handset& world) {
     world.tool.Send(Framed(SetMask(1, std::string(512, '\x01'))));
     world.tool.takes = false;
     world.modem.Send(answers);
-    world.UntilStalled();
-    if (!world.captures) world.CloseTool();
+    world.captures ? world.UntilStalled() : world.CloseTool();
     world.UntilListening(Clock::now(), kTriesBound);
 }
 

@@ -44,6 +44,7 @@ class Flash : public testing::Test {
 };
 
 TEST_F(Flash, RotatesAndListsItsFilesByConnection) {
+    umask(0);
     files.OpenRecordFile();
     files.OpenRecordFile();
     const std::string first = Store(std::string(9999, 'a'));

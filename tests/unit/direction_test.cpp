@@ -1,6 +1,7 @@
 // One direction of the relay between two socket pairs, whose far ends are the peers'.
 #include <csignal>
 #include <mutex>
+#include <utility>
 
 #include "base/log_switch.h"
 #include "base/relay_wakeup.h"
@@ -34,9 +35,12 @@ struct Direction {
         signal(SIGPIPE, SIG_IGN);
     }
     ~Direction() {
-        buffer.CloseProcess();
+        Close();
         gLogEnable = 0;
         EXPECT_EQ(0, log.Count("Data number is not equal"));
+    }
+    void Close() {
+        if (!std::exchange(isClosed, true)) buffer.CloseProcess();
     }
     int Read() { return buffer.Read(source.near); }
     int Write() { return buffer.Write(sink.near); }
@@ -59,6 +63,7 @@ struct Direction {
     SocketPair sink;
     char storage[64];
     size_t filled = 0;
+    bool isClosed = false;
     CircularBufferExt buffer;
 };
 
@@ -153,6 +158,17 @@ TEST_F(Capture, BlocksHoldUpTo4095BytesAndACallTakes16) {
     EXPECT_EQ(10, Read());
     gate.unlock();
     EXPECT_TRUE(Same(sent, ReadExactly(sink.far, sent.size()))) << "through a ring of 64";
+}
+
+// The tool's share is dropped, and counted all the same.
+TEST_F(Capture, StoresWhatAFailedThreadHasLeft) {
+    for (const std::string& block : {kTool, Hex("60 01 7E"), kTool, Hex("79 7E")})
+        Feed(block);
+    sink.CloseFar();
+    gate.unlock();
+    Close();
+    EXPECT_EQ(1, log.Count("ReadDataFromBP:9, SavedToFlash:5, WriteToAP:4,"));
+    EXPECT_EQ(-EPIPE, buffer.ThreadExitCode());
 }
 
 }  // namespace

@@ -51,6 +51,7 @@ TEST(LinkMonitor, ClassifiesMessages) {
         {"no change", Link(kUp | kRunning, 0), kNone},
         {"running without up", Link(kRunning, kUp | kRunning), kNone},
         {"other interface", Link(kUp, kUp, Name("eth0")), kNone},
+        {"longer name", Link(kUp, kUp, Name("usb01")), kNone},
         {"name without end", Link(kUp, kUp, Attribute(IFLA_IFNAME, "usb0")), kNone},
         {"name behind others", Link(kUp, kUp, Attribute(IFLA_MTU, "x") + Name("usb0")), kUpdated},
         {"too short length", Link(kUp, kUp, Attribute(IFLA_MTU, "", -1U) + Name("usb0")), kNone},

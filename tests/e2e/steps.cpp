@@ -100,17 +100,20 @@ void StallTheTool(Handset& world) {
 }
 
 // The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
-// or both.
-void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain) {
+// or both; perhaps behind a pause that lasts as long as a write waits.
+void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
+                   bool pauses = false) {
     const std::string toModem = Mix(world.random, count, false).all;
     world.Attach();
     world.modem.takes = false;
     if (!takesAgain) world.FillLine();
+    const size_t from = world.Log().size();
     world.tool.Send(toModem);
     world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
-    world.UntilStalled();
+    world.UntilLogged("write error, try again", from);
     const auto since = Clock::now();
     if (leaves) world.CloseTool();
+    if (pauses) world.UntilLogged("retry_count: 1000", from);
     world.modem.takes = takesAgain;
     if (!leaves) {
         world.Until("bytes at the modem", [&] { return world.modem.in.size() >= toModem.size(); });
@@ -168,21 +171,6 @@ void SwitchAtAFullRing(Handset& world) {
     world.Until("all of it", [&] { return taken() >= count; });
     world.Finish();
     EXPECT_EQ(count, taken());
-}
-
-// The modem pauses for as long as a write waits for it. The tool has gone.
-void PauseTheModem(Handset& world) {
-    const std::string toModem = Mix(world.random, 28'000, false).all;
-    world.Attach();
-    world.modem.takes = false;
-    world.tool.Send(toModem);
-    world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
-    const size_t from = world.Log().size();
-    world.CloseTool();
-    world.UntilLogged("retry_count: 1000", from);
-    world.modem.takes = true;
-    world.UntilListening();
-    EXPECT_TRUE(Same(toModem, WithoutOwnRequests(world.modem.in)));
 }
 
 // The modem answers the requests of the log-mask file, but late, and one not at all.
@@ -345,7 +333,8 @@ const std::vector<Step> kSteps = {
     {"ToolThatReadsSlowly", EndWithASlowTool, true},
     {"ToolThatStallsOnLongAnswers", StallOnLongAnswers, true},
     {"SwitchMovesAtAFullRing", SwitchAtAFullRing, false},
-    {"ToolThatLeavesAPausingModem", PauseTheModem, false},
+    {"ToolThatLeavesAPausingModem",
+     [](Handset& world) { StallTheModem(world, 28'000, true, true, true); }, false},
     {"ModemThatAnswersLate", AnswerLate, true},
     {"ModemThatStalls", [](Handset& world) { StallTheModem(world, 140'000, false, true); }, true},
     {"ToolThatLeavesASlowModem", [](Handset& world) { StallTheModem(world, 140'000, true, true); },

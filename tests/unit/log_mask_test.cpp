@@ -75,14 +75,13 @@ TEST_F(LogMaskTest, CommandsAreKeptUnescapedByEquipmentId) {
         std::string frame;
         int id;
         std::string kept;
-        int codes;
     } kRows[] = {
-        {"escapes", Framed(command), 13, command, 14},
-        {"without mask", Framed(SetMask(1, "").substr(0, 10)), 1, SetMask(1, "").substr(0, 10), 0},
-        {"too short", Framed(SetMask(2, "").substr(0, 9)), 2, "", 0},
-        {"not a mask", Framed("\x10" + command.substr(1)), 13, "", 14},
-        {"no such id", Framed(SetMask(14, "\x01")), 0, "", 1},
-        {"17 bytes have a mask", Framed(SetMask(0, "\xFF")), 0, SetMask(0, "\xFF"), 8},
+        {"escapes", Framed(command), 13, command},
+        {"without mask", Framed(SetMask(1, "").substr(0, 10)), 1, SetMask(1, "").substr(0, 10)},
+        {"too short", Framed(SetMask(2, "").substr(0, 9)), 2, ""},
+        {"not a mask", Framed("\x10" + command.substr(1)), 13, ""},
+        {"no such id", Framed(SetMask(14, "\x01")), 0, ""},
+        {"17 bytes have a mask", Framed(SetMask(0, "\xFF")), 0, SetMask(0, "\xFF")},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -93,7 +92,6 @@ TEST_F(LogMaskTest, CommandsAreKeptUnescapedByEquipmentId) {
         const int len = fresh.GetSetLogMaskDiagCmd(out, row.id, kDiagAreaSize);
         EXPECT_TRUE(Same(row.kept, {out, static_cast<size_t>(len)}));
         EXPECT_EQ(0, fresh.GetSetLogMaskDiagCmd(out, row.id, static_cast<int>(row.kept.size())));
-        EXPECT_EQ(row.codes, fresh.CountOfLogPacket(row.frame.data(), end));
     }
     dir.Store("DIAG.cfg", Framed(command));
     mask.DiagMask(modem.near, 0);

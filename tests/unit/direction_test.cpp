@@ -18,7 +18,6 @@ using std::chrono::steady_clock;
 
 constexpr char kToModem[] = "AP --> BP";
 constexpr char kToTool[] = "AP <-- BP";
-constexpr milliseconds kLong(std::chrono::hours(1));
 
 Limits Short() {
     Limits limits;

@@ -44,7 +44,10 @@ class Deadline {
 
     bool IsNever() const { return mAt == Clock::time_point::max(); }
     bool HasPassed() const { return Clock::now() >= mAt; }
-    Clock::duration Left() const { return std::max(mAt - Clock::now(), Clock::duration(0)); }
+    Clock::duration Left() const {
+        const auto now = Clock::now();
+        return now < mAt ? mAt - now : Clock::duration(0);
+    }
     Clock::time_point At() const { return mAt; }
 
   private:

@@ -139,6 +139,7 @@ int CircularBufferExt::FailRead(int error) {
 int CircularBufferExt::ReadVersionForThread() {
     BlockQueue& queue = mModem->queue;
     int total = 0;
+    bool hasDropped = false;  // what is no end of the stream
     for (int taken = 0; taken < kBlocksPerCall; ++taken) {
         const BlockQueue::Wait wait = WaitForFreeBlock();
         if (wait == BlockQueue::Wait::kNever) return 1;
@@ -147,8 +148,10 @@ int CircularBufferExt::ReadVersionForThread() {
         if (block == nullptr) return FailRead(ENOMEM);
         auto n = static_cast<int>(read(mReadFd, block, BlockQueue::kBlockSize - 1));
         if (n == 0) return 0;
-        if (n < 0) return errno == EAGAIN ? total : FailRead(errno);
+        if (n < 0 && errno != EAGAIN) return FailRead(errno);
+        if (n < 0) return total == 0 && hasDropped ? -EAGAIN : total;
         n = mLogMask->DropRestOfReply(block, n);
+        hasDropped = hasDropped || n == 0;
         if (n == 0) continue;
         if (mIsCurrentConfigLogMask != 0) {
             LIB_LOGD("%s: mIsCurrentConfigLogMask: %d, continue", mName, mIsCurrentConfigLogMask);
@@ -158,7 +161,7 @@ int CircularBufferExt::ReadVersionForThread() {
         LIB_LOGD("%s: Current size: %d for index: %d", mName, n, queue.FreeBlockIndex());
         queue.Push(n);
     }
-    return total;
+    return total == 0 && hasDropped ? -EAGAIN : total;
 }
 
 int CircularBufferExt::ParseReadData(char* begin, char* end) {
@@ -256,7 +259,8 @@ int CircularBufferExt::Write(int fd) {
 int CircularBufferExt::Flush(int fd) {
     const ScopedNonBlocking nonBlocking(fd);
     const int result = WriteAll(fd, {WritePauses::Kind::kFlush, mLimits, mEnd});
-    const bool hasDropped = mIsDataFromBP && mModem->toolLoss == -EAGAIN;
+    const bool hasDropped =
+        mIsDataFromBP && mModem->toolLoss == -EAGAIN && mModem->droppedBytes > 0;
     if (result == -EAGAIN || hasDropped) {
         LIB_LOGE("%s: flush given up, %lu bytes left", mName,
                  NumBytes() + (hasDropped ? mModem->droppedBytes : 0));
@@ -273,7 +277,8 @@ bool CircularBufferExt::WriteWholeFrames(int fd, const Deadline& deadline) {
             left -= static_cast<unsigned long>(n);
             continue;
         }
-        if (n == 0 || errno != EAGAIN || !WaitFor(fd, POLLOUT, deadline)) break;
+        if (n == 0 || errno != EAGAIN || deadline.HasPassed()) break;
+        WaitFor(fd, POLLOUT, deadline);
     }
     return !mLogMask->Line().IsWithinFrame();
 }

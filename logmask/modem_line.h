@@ -29,6 +29,9 @@ class ModemLine {
         return Write(fd, data, len, Sender::kDaemon);
     }
 
+    // Bytes that the port had taken were discarded: whatever is sent next, a 0x7E comes first.
+    void NoteLoss() { mWithin = Sender::kDaemon; }
+
   private:
     enum class Sender { kNobody, kTool, kDaemon };
     static constexpr char kFlag = static_cast<char>(kHdlcFlag);

@@ -19,11 +19,12 @@ int HeldBytes(int fd) {
 
 }  // namespace
 
-void DrainPort(int fd, const Deadline& deadline) {
+bool DrainPort(int fd, const Deadline& deadline) {
     int held = HeldBytes(fd);
     for (; held > 0 && !deadline.HasPassed(); held = HeldBytes(fd))
         std::this_thread::sleep_until(deadline.Within(kPoll).At());
-    if (held == 0) return;
+    if (held == 0) return true;
     LIB_LOGE("fd %d: the modem took nothing of the last %d bytes in its port", fd, held);
     tcflush(fd, TCOFLUSH);
+    return false;
 }

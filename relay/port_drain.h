@@ -5,5 +5,6 @@
 
 // Waits until the driver of the port fd has sent what it holds, or the deadline; discards what is
 // left then, with a line that tells how much. Without it the close of a serial port waits, for half
-// a minute or more. A port that tells nothing of its output, like a pty, holds none.
-void DrainPort(int fd, const Deadline& deadline);
+// a minute or more. A port that tells nothing of its output, like a pty, holds none. Returns
+// whether all was sent.
+bool DrainPort(int fd, const Deadline& deadline);

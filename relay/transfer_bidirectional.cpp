@@ -132,7 +132,8 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
 void Connection::CompleteToolFrame() {
     const Deadline deadline = Deadline::In(mLimits.frameEnd);
     while (!mToModem.WriteWholeFrames(mBpFd, deadline)) {
-        if (mToModem.IsFull() || !WaitFor(mApFd, POLLIN, deadline)) break;
+        if (mToModem.IsFull() || deadline.HasPassed()) break;
+        if (!WaitFor(mApFd, POLLIN, deadline)) break;
         // What ends the stream shows again in the next pass.
         const int n = mToModem.Read(mApFd);
         if (n <= 0 && n != -EAGAIN) break;
@@ -149,7 +150,7 @@ int32_t Connection::FollowSwitch() {
     mToModem.SetConfigLogMaskStaus(1);
     logEnable = gLogEnable;
     CompleteToolFrame();
-    gLogMaskInstance->StartWaits(Deadline::In(mLimits.start), mLimits);
+    gLogMaskInstance->StartWaits(Deadline::In(mLimits.inVain), mLimits);
     if (logEnable != 0) {
         gLogMaskInstance->DiagMask(mBpFd, 0);
     } else {
@@ -244,7 +245,7 @@ int Connection::TearDown() {
     }
     mToTool.CloseProcess();
     if (mBpFd != -1) {
-        DrainPort(mBpFd, end);
+        if (!DrainPort(mBpFd, end)) gLogMaskInstance->Line().NoteLoss();
         close(mBpFd);
         mBpFd = -1;
     }

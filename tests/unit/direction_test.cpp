@@ -157,6 +157,14 @@ TEST_F(Capture, BlocksHoldUpTo4095BytesAndACallTakes16) {
     EXPECT_TRUE(Same(sent, ReadExactly(sink.far, sent.size()))) << "through a ring of 64";
 }
 
+TEST_F(Capture, TheRestOfAReplyIsNoEndOfTheStream) {
+    mask.SetDiagFd(source.near);
+    WriteAll(source.far, "\x1D he");
+    EXPECT_EQ(4, mask.DiagDataRead());
+    EXPECT_EQ(-EAGAIN, Feed("ad~"));
+    gate.unlock();
+}
+
 // The tool's share is dropped, and counted all the same.
 TEST_F(Capture, StoresWhatAFailedThreadHasLeft) {
     for (const std::string& block : {kTool, Hex("60 01 7E"), kTool, Hex("79 7E")})

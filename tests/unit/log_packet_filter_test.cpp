@@ -47,7 +47,6 @@ TEST_F(LogPacketFilterTest, ChoosesByTheCode) {
         {"escaped neighbour", 0x7D7D, escaped, false},
         {"wanted if escapes were not counted", 0x1170, Hex("7E 7E 00 7C 11"), false},
         {"wanted if read one byte early", 0x1111, Hex("00 00 00 00 7C"), false},
-        {"id without row", 0xE17C, plain, false},
     };
     Want(1, {0x17C});
     Want(4, {0x77D, 0x77E});

@@ -148,7 +148,6 @@ TEST(Splitter, FollowsTheSwitchWithinAFrame) {
         {"report begun while off", {"-79 01>79 01", "+60 02>60 02", "+10 7E 79 7E>10 7E"}, "79 7E"},
         {"wanted packet begun while off", {"-W1>W1", "+W2 W3 W4 U W>W2 W3 W4 W"}, "U W"},
         {"0x73 answer begun while off", {"+A>A*", "-73>73", "+A A>A A*"}, ""},
-        {"between frames", {"-79 7E>79 7E", "+79 7E>"}, "79 7E"},
     });
 }
 

@@ -5,12 +5,14 @@
 // those of base/limits.h):
 //
 //   who                 for                                     own limit      deadline
-//   relay               select                                  none
-//   relay               the modem, Write                        writeRetries   end
-//   relay               the modem, Flush                        stallAtEnd     end
-//   relay               the modem, behind a cut frame           frameEnd
+//   listener            select, accept                          none
+//   relay               select                                  none; refusal, tool for a modem
+//                                                               that takes nothing
+//   relay               the modem or the tool, Write            writeRetries   end
+//   relay               the modem or the tool, Flush            stallAtEnd     end
+//   relay               the tool, the modem, behind half a frame  frameEnd
 //   relay               the modem, a request (blocking mode)    inVain         start, end
-//   relay               the modem, a request (otherwise)        5 * 5 ms       start
+//   relay               the modem, a request (otherwise)        5 * 5 ms       inVain
 //   relay               the modem's answer                      answer, inVain start, end
 //   relay               a free block, an empty queue            queueWait
 //   relay               the processing thread at the end        none: its waits end
@@ -22,7 +24,7 @@
 //   processing thread   the tool, Write                         writeRetries   end
 //   processing thread   room in the pool                        none: a store
 //   writer thread       chunks; the flash                       none
-//   property watcher    10 ms
+//   property watcher    10 ms; gLogEnableMutex, held at an end  none           end
 #pragma once
 
 #include <algorithm>

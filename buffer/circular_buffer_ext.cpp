@@ -61,18 +61,19 @@ int CircularBufferExt::ReadDirect(int fd) {
     if (mIsDataFromBP) {
         // What was queued before the switch went off is older than what is read now.
         const BlockQueue::Wait wait = mModem->queue.WaitUntilEmpty(mLimits.queueWait);
-        if (wait != BlockQueue::Wait::kReady) {
-            return wait == BlockQueue::Wait::kNever ? -EIO : -EAGAIN;
-        }
+        if (wait == BlockQueue::Wait::kNotYet) return -EAGAIN;
+        // The tool's stream does not go on behind a gap.
+        if (wait == BlockQueue::Wait::kNever || mModem->droppedBytes > 0) return -EIO;
         mModem->splitter.ReleaseHeld();
     }
     const auto readSpan = [&](char* at, unsigned long room) -> ssize_t {
-        ssize_t n = 0;
-        do {
-            n = read(fd, at, room);
-            if (n <= 0) return n;
-            if (mIsDataFromBP) n = mLogMask->DropRestOfReply(at, static_cast<int>(n));
-        } while (n == 0);
+        ssize_t n = read(fd, at, room);
+        if (n <= 0) return n;
+        if (mIsDataFromBP) n = mLogMask->DropRestOfReply(at, static_cast<int>(n));
+        if (n == 0) {
+            errno = EAGAIN;  // no end of the stream
+            return -1;
+        }
         if (BeginsHdlcDisable(at, n)) {
             if (mIsDataFromBP) {
                 at[0] = static_cast<char>(kCmdBad);

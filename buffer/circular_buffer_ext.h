@@ -125,10 +125,9 @@ class CircularBufferExt {
         pthread_t thread = {};
         bool isThreadJoinable = false;  // relay thread only
         bool isQueueFull = false;       // still, since the last wait; relay thread only
-        // These belong to the same as the splitter. A write to the tool has failed with toolLoss,
-        // 0 before: the rest of its share is dropped.
-        int toolLoss = 0;
-        unsigned long droppedBytes = 0;
+        // A write to the tool has failed with toolLoss, 0 before: the rest of its share is dropped.
+        std::atomic<int> toolLoss{0};
+        unsigned long droppedBytes = 0;  // belongs to the same as the splitter
     };
 
     // Reading.

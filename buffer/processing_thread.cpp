@@ -43,7 +43,8 @@ void CircularBufferExt::ProcessReadDataThread() {
         if (work == BlockQueue::Work::kBlock) ProcessOldest();
         if (work == BlockQueue::Work::kWrite) WriteToTool();
         // The relay may have forgotten a stall meanwhile, but not the share that was lost by it.
-        const int exitCode = mModem->toolLoss != 0 ? mModem->toolLoss : mThreadExitCode.load();
+        int exitCode = mModem->toolLoss;
+        if (exitCode == 0) exitCode = mThreadExitCode;
         if (exitCode <= 0) {
             LIB_LOGE("CircularBufferExt: Exit ProcessReadDataThread");
             LIB_LOGE("%s, CircularBufferExt: ProcessReadDataThread mThreadExitCode =%d  \n", mName,

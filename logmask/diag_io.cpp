@@ -25,12 +25,9 @@ bool IsBlocking(int flags) {
 
 }  // namespace
 
-void LogMask::SpendInVain(Deadline::Clock::time_point since) {
-    mInVain -= std::min(Deadline::Clock::now() - since, mInVain);
-}
-
 // Writes as a port in blocking mode would, but waits only as StartWaits allows, anew with each
-// progress. Returns the bytes written, or -1 with errno when there were none.
+// progress, for which requests without an answer leave an answer's time. Returns the bytes written,
+// or -1 with errno when there were none.
 int LogMask::WriteWaiting(const char* data, int len) {
     const int flags = fcntl(mDiagFd, F_GETFL, 0);
     fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
@@ -53,7 +50,7 @@ int LogMask::WriteWaiting(const char* data, int len) {
         if (wasReady) std::this_thread::sleep_until(end.Within(kReadyPause).At());
         wasReady = WaitFor(mDiagFd, POLLOUT, end);
         if (wasReady && !end.HasPassed()) continue;
-        SpendInVain(stalledSince);
+        mInVain -= std::min(Deadline::Clock::now() - stalledSince, mInVain);
         break;
     }
     fcntl(mDiagFd, F_SETFL, flags);
@@ -100,7 +97,8 @@ void LogMask::ReadReplies(const char* request, int len, bool isTraced) {
     mReplies.Expect(request, len);
     if (!mReplies.IsAnswerExpected()) return;
     const auto since = Deadline::Clock::now();
-    const Deadline end(std::min(mDeadline.At(), since + std::min(mAnswerLimit, mInVain)));
+    const Deadline::Clock::duration left = mInVain - std::min(mInVain, mAnswerLimit);
+    const Deadline end(std::min(mDeadline.At(), since + std::min(mAnswerLimit, left)));
     const int flags = fcntl(mDiagFd, F_GETFL, 0);
     fcntl(mDiagFd, F_SETFL, flags | O_NONBLOCK);
     // Without an answer in time the last read mostly finds nothing, and says so. A modem that never
@@ -112,7 +110,7 @@ void LogMask::ReadReplies(const char* request, int len, bool isTraced) {
         if ((isTraced ? DiagDataReadForDisableLog() : DiagDataRead()) < 1) break;
     }
     fcntl(mDiagFd, F_SETFL, flags);
-    if (!mHasAnswer) SpendInVain(since);
+    if (!mHasAnswer) mInVain -= std::min(Deadline::Clock::now() - since, left);
 }
 
 // One read of the port into area, without waiting. Returns the bytes read, or -1 with an error

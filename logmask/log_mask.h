@@ -40,7 +40,7 @@ class LogMask {
 
     // Allows the following sends and reads to wait until the deadline, for an answer no longer than
     // limits.answer, and limits.inVain in sum for a modem that takes or answers nothing. Then all
-    // go on without waiting.
+    // go on without waiting. The last limits.answer of it are for a modem that takes nothing.
     void StartWaits(const Deadline& deadline, const Limits& limits) {
         mDeadline = deadline;
         mAnswerLimit = limits.answer;
@@ -106,7 +106,6 @@ class LogMask {
     void ReadReplies(const char* request, int len, bool isTraced);
     int ReadOnce(char (&area)[kDiagAreaSize]);
     void KeepTimeStamp(const char* data, int len);
-    void SpendInVain(Deadline::Clock::time_point since);
 
     const std::string mMaskDirectory;
     char mMaskFile[501] = {};  // path last given to DiagMaskRead

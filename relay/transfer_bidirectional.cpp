@@ -1,5 +1,6 @@
 #include "relay/transfer_bidirectional.h"
 
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -72,7 +73,7 @@ class Connection {
     bool HasBufferFailed() const;
     bool HandleReady();
     bool IsToolGivenUp();
-    bool IsOverAt(std::chrono::steady_clock::time_point moment);
+    bool IsOverAt(Deadline::Clock::time_point moment);
     bool IsLinkRemoved();
     bool FlushToModem();
 
@@ -94,6 +95,7 @@ class Connection {
     fd_set mReadSet = {};
     fd_set mWriteSet = {};
     fd_set mExceptSet = {};
+    Deadline::Clock::time_point mLastPass = Deadline::Clock::now();  // as select returned
 };
 
 void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), void* callbackArg) {
@@ -114,6 +116,7 @@ void Connection::Relay(const timeval* timeout, void (*timeoutCallback)(void*), v
         }
         const int n = select(maxFd + 1, &mReadSet, &mWriteSet, &mExceptSet,
                              timeout != nullptr ? &interval : nullptr);
+        mLastPass = Deadline::Clock::now();
         if (n == -1) {
             LIB_LOGE("select returned error code %d: %s", errno, strerror(errno));
             return;
@@ -201,8 +204,8 @@ bool Connection::IsToolGivenUp() {
 }
 
 // Whether the moment has come; if not, select will end then.
-bool Connection::IsOverAt(std::chrono::steady_clock::time_point moment) {
-    if (std::chrono::steady_clock::now() >= moment) return true;
+bool Connection::IsOverAt(Deadline::Clock::time_point moment) {
+    if (Deadline::Clock::now() >= moment) return true;
     mToolWatch.WakeAt(moment);
     return false;
 }
@@ -225,13 +228,18 @@ bool Connection::FlushToModem() {
         if (mToolWatch.HasEnded()) mToModem.Read(mApFd);
         if (mToModem.IsEmpty()) return true;
     }
+    int unread = 0;
+    if (ioctl(mApFd, FIONREAD, &unread) == 0 && unread > 0) {
+        LIB_LOGE("fd %d: %d bytes of the tool were not read", mApFd, unread);
+    }
     return false;
 }
 
-// Flushes both directions and closes both descriptors, by one deadline. Returns the result of
-// closing the tool's socket, or -1 when there is none.
+// Flushes both directions and closes both descriptors, by one deadline, which counts from the pass
+// that ended the relay: that may have waited for a peer. Returns the result of closing the tool's
+// socket, or -1 when there is none.
 int Connection::TearDown() {
-    const Deadline end = Deadline::In(mLimits.end);
+    const Deadline end(mLastPass + mLimits.end);
     mToModem.EndBy(end);
     mToTool.EndBy(end);
     if (mBpFd != -1) {

@@ -25,9 +25,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testing::AssertionResult;
 
-inline constexpr milliseconds kLimit{30000};      // for what must happen
-inline constexpr milliseconds kEndBound{5000};    // from a connection's end to the next
-inline constexpr milliseconds kTriesBound{7000};  // the same behind 2 s of tries
+inline constexpr milliseconds kLimit{30000};    // for what must happen
+inline constexpr milliseconds kEndBound{5000};  // from a relay's end to the next connection
 
 inline const std::string kMaskFile = kMaskDirectory + std::string("DIAG.cfg");
 
@@ -80,7 +79,7 @@ class Handset {
         return "/proc/" + std::to_string(mPid) + "/" + name;
     }
     bool IsListening() const;
-    void UntilListening(Clock::time_point since = Clock::now(), milliseconds bound = kEndBound);
+    void UntilListening();  // within kEndBound from the relay's end on, as the log tells it
     const std::string& Log();
     void UntilLogged(const std::string& text, size_t from = 0);  // at from or later
     void UntilStalled();  // a peer takes nothing of what the daemon has for it
@@ -138,7 +137,8 @@ class Handset {
     std::string mFrame;  // under way to the modem
     pid_t mPid = -1;
     std::string mLogPath;
-    std::string mLog;  // read so far
+    std::string mLog;       // read so far
+    size_t mConnected = 0;  // at which size of it the last connection began
 };
 
 struct HandsetTest : testing::Test, Handset {};

@@ -26,8 +26,10 @@ std::string PlainPacket(std::minstd_rand& random, const std::string& head, bool 
     }
 }
 
-// Whether actual is what comes first when unit is sent over and over.
-AssertionResult IsBegun(const std::string& unit, const std::string& actual) {
+// Whether actual is what comes first when unit is sent over and over; its last ragged bytes may be
+// anything.
+AssertionResult IsBegun(const std::string& unit, std::string actual, size_t ragged = 0) {
+    actual.resize(actual.size() - std::min(ragged, actual.size()));
     if (unit.empty()) return Same(unit, actual);
     for (size_t at = 0; at < actual.size(); at += unit.size()) {
         const std::string part = actual.substr(at, unit.size());
@@ -37,18 +39,20 @@ AssertionResult IsBegun(const std::string& unit, const std::string& actual) {
 }
 
 constexpr int kRoom = 4096;  // bytes, of a socket: soon full
+// A hang-up may overtake a read: the kernel drops what waits for it, and gives it what comes
+// behind, as much again at most. Seen without the daemon, too.
+constexpr size_t kLineRoom = 4096;  // bytes
 
 // What came is the beginning of what was sent, and nothing is missing on flash before it.
-void CheckBegun(const Handset& world, const Mix& mix) {
+void CheckBegun(const Handset& world, const Mix& mix, size_t ragged) {
     const std::string flash = Captured();
-    EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in)) << "at the tool";
-    EXPECT_TRUE(IsBegun(mix.own, flash)) << "on flash";
+    EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in, ragged)) << "at the tool";
+    EXPECT_TRUE(IsBegun(mix.own, flash, ragged)) << "on flash";
     EXPECT_GE(flash.size(), world.tool.in.size() / mix.forTool.size() * mix.own.size());
 }
 
 // Floods the tool, until it takes nothing if it stalls, and then ends the connection somehow.
-void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end,
-                 milliseconds bound = kEndBound) {
+void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end, size_t ragged = 0) {
     const Mix mix(world.random, 1'000'000, world.captures);
     const size_t count = world.UpTo(2'000'000);
     world.Attach();
@@ -59,10 +63,9 @@ void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end,
         world.tool.takes = false;
         world.UntilStalled();
     }
-    const auto since = Clock::now();
     end();
-    world.UntilListening(since, bound);
-    CheckBegun(world, mix);
+    world.UntilListening();
+    CheckBegun(world, mix, ragged);
 }
 
 void PullLink() {
@@ -72,31 +75,25 @@ void PullLink() {
 
 // The modem takes nothing on its line, nothing of so many bytes of the tool, and no end.
 void FailEverything(Handset& world) {
-    EndInAFlood(
-        world, true,
-        [&] {
-            world.modem.takes = false;
-            world.FillLine();
-            world.tool.Send(Mix(world.random, world.UpTo(60'000), false).all);
-            world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
-            PullLink();
-        },
-        kTriesBound);
+    EndInAFlood(world, true, [&] {
+        world.modem.takes = false;
+        world.FillLine();
+        world.tool.Send(Mix(world.random, world.UpTo(60'000), false).all);
+        world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
+        PullLink();
+    });
 }
 
 // Back-pressure; with capture on, for some time only.
 void StallTheTool(Handset& world) {
-    EndInAFlood(
-        world, true,
-        [&] {
-            if (world.captures) return;
-            const size_t left = world.modem.StopFlood();
-            world.tool.takes = true;
-            const size_t count = left * world.modem.out.size();
-            world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
-            world.Finish();
-        },
-        kTriesBound);
+    EndInAFlood(world, true, [&] {
+        if (world.captures) return;
+        const size_t left = world.modem.StopFlood();
+        world.tool.takes = true;
+        const size_t count = left * world.modem.out.size();
+        world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
+        world.Finish();
+    });
 }
 
 // The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
@@ -111,7 +108,6 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
     world.tool.Send(toModem);
     world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
     world.UntilLogged("write error, try again", from);
-    const auto since = Clock::now();
     if (leaves) world.CloseTool();
     if (pauses) world.UntilLogged("retry_count: 1000", from);
     world.modem.takes = takesAgain;
@@ -119,7 +115,7 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
         world.Until("bytes at the modem", [&] { return world.modem.in.size() >= toModem.size(); });
         world.Finish();
     }
-    world.UntilListening(since, kTriesBound);
+    world.UntilListening();
     EXPECT_TRUE(!takesAgain || Same(toModem, WithoutOwnRequests(world.modem.in)));
 }
 
@@ -136,10 +132,9 @@ void EndWithASlowTool(Handset& world) {
     const size_t from = world.Log().size();
     world.UntilLogged(world.captures ? "Read wait cond as buffer is FULL" : "write error", from);
     if (world.captures) world.UntilLogged("retry_count: 30", world.Log().size());
-    const auto since = Clock::now();
     const bool hangsUp = world.random() % 2 == 0;
     hangsUp ? world.BreakLine() : static_cast<void>(shutdown(world.ToolFd(), SHUT_WR));
-    world.UntilListening(since, kEndBound + milliseconds(1000));  // after a turn of the relay
+    world.UntilListening();
     EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in));
 }
 
@@ -154,7 +149,7 @@ void StallOnLongAnswers(Handset& world) {
     world.tool.takes = false;
     world.modem.Send(answers);
     world.captures ? world.UntilStalled() : world.CloseTool();
-    world.UntilListening(Clock::now(), kTriesBound);
+    world.UntilListening();
 }
 
 // The switch moves while the tool's bytes, none of which ends a frame, fill the ring.
@@ -213,7 +208,8 @@ void FlapTheLink(Handset& world) {
         SetLink(false);
         world.Until("not listening", [&] { return !world.IsListening(); });
         SetLink(true);
-        world.UntilListening(Clock::now(), milliseconds(2000));
+        world.Until(
+            "listening", [&] { return world.IsListening(); }, milliseconds(2000));
     }
     world.Attach();
     world.Finish();
@@ -325,7 +321,11 @@ const std::vector<Step> kSteps = {
     {"LinkPulledInAFlood",
      [](Handset& world) { EndInAFlood(world, world.random() % 2 == 0, PullLink); }, true},
     {"PortThatHangsUpInAFlood",
-     [](Handset& world) { EndInAFlood(world, false, [&] { world.BreakLine(); }); }, true},
+     [](Handset& world) {
+         EndInAFlood(
+             world, false, [&] { world.BreakLine(); }, kLineRoom);
+     },
+     true},
     {"EverythingAtOnce", FailEverything, true},
     {"ToolThatStalls", StallTheTool, true},
     {"ToolThatStallsAndLeaves",

@@ -1,6 +1,7 @@
 // One direction of the relay between two socket pairs, whose far ends are the peers'.
 #include <csignal>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "base/log_switch.h"
@@ -174,6 +175,16 @@ TEST_F(Capture, StoresWhatAFailedThreadHasLeft) {
     Close();
     EXPECT_EQ(1, log.Count("ReadDataFromBP:9, SavedToFlash:5, WriteToAP:4,"));
     EXPECT_EQ(-EPIPE, buffer.ThreadExitCode());
+}
+
+TEST_F(Capture, TheToolsStreamEndsAtAGap) {
+    Feed(kTool + std::string(99, 'x'));  // more than the ring holds
+    sink.CloseFar();
+    gate.unlock();
+    while (buffer.ThreadExitCode() != -EPIPE)
+        std::this_thread::yield();
+    gLogEnable = 0;
+    EXPECT_EQ(-EIO, Feed(kTool));
 }
 
 }  // namespace

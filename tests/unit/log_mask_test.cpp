@@ -137,7 +137,7 @@ TEST_F(LogMaskTest, ToolAndDaemonShareTheLine) {
 }
 
 TEST_F(LogMaskTest, BlockingPortIsWaitedFor) {
-    size_t filled = FillUntilFull(modem.near);
+    const size_t filled = FillUntilFull(modem.near);
     MakeBlocking();
     Limits limits;
     limits.inVain = std::chrono::milliseconds(2);
@@ -152,6 +152,17 @@ TEST_F(LogMaskTest, BlockingPortIsWaitedFor) {
     ReadExactly(modem.far, filled);
     EXPECT_EQ(1, sent.get());
     EXPECT_EQ(0, fcntl(modem.near, F_GETFL) & O_NONBLOCK);
+    // An answer that does not come leaves as much time to a slow line.
+    limits.answer = limits.inVain = std::chrono::seconds(9);
+    mask.StartWaits({}, limits);
+    dir.Store("DIAG.cfg", kFirst);
+    mask.DiagMask(modem.near, 1);
+    fcntl(modem.near, F_SETFL, O_NONBLOCK);
+    FillUntilFull(modem.near);
+    MakeBlocking();
+    sent = Waiting([this] { return Send(kFirst); });
+    Arrived();
+    EXPECT_EQ(1, sent.get());
 }
 
 // What comes around it is lost, and nothing else.

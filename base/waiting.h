@@ -2,7 +2,8 @@
 //
 // A wait ends with what it waits for, with its own limit, or with the deadline of the start or end
 // that it is a part of, whichever comes first. So limits do not add up. All waits (the limits are
-// those of base/limits.h):
+// those of base/limits.h; "relay" is the main thread while it serves a tool, which it does from
+// relay/ down; an end goes through Connection::TearDown and CircularBufferExt::CloseProcess):
 //
 //   who                 for                                     own limit      deadline
 //   listener            select, accept                          none

@@ -14,7 +14,8 @@ extern LogMask* gLogMaskInstance;
 // directions and closes both descriptors, which it owns. buffer_size: bytes per direction.
 // timeout, when not null, is the longest wait in select; each time it runs out timeout_callback,
 // when not null, is called with callback_arg. Returns the result of closing ap_fd, or -1 when there
-// was no tool. Main thread only.
+// was no tool. The modem is programmed by gLogMaskInstance, whichever LogMask surroundings names.
+// Main thread only.
 int transfer_bidirectional_and_close(int ap_fd, int bp_fd, int netlink_fd,
                                      unsigned long buffer_size, const timeval* timeout,
                                      void (*timeout_callback)(void*), void* callback_arg,

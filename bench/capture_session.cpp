@@ -15,7 +15,7 @@
 #include "bench/runs.h"
 #include "tools/common/mask_requests.h"
 #include "tools/common/packet.h"
-#include "tools/modem/pty_line.h"
+#include "tools/modem/modem_end.h"
 #include "tools/modem/sim_modem.h"
 
 namespace {
@@ -94,7 +94,7 @@ class FrameModem {
   private:
     void Serve() {
         constexpr int kStopMillis = 50;
-        PtyLine::Input input;
+        ModemEnd::Input input;
         while (!mStop) {
             const bool hasOutput = mBytesLeft > 0 || !mModem.Output().empty();
             pollfd watched{mLine.fd(), static_cast<short>(POLLIN | (hasOutput ? POLLOUT : 0)), 0};
@@ -124,7 +124,7 @@ class FrameModem {
     }
 
     const std::string& mFrames;
-    PtyLine mLine{kModemPort};
+    ModemEnd mLine{ModemEnd::Kind::kPty, kModemPort};
     SimModem mModem{{}};
     std::atomic<bool> mIsProgrammed{false};
     std::atomic<uint64_t> mBytesLeft{0};  // of the frames

@@ -50,6 +50,7 @@ TEST_F(Capture, ShowsTheToolItsOwnMasksAndPackets) {
 TEST_F(Capture, OnASlowFlashCostsTheToolNothingUntilThePoolIsFull) {
     // The writer thread begins with the record file: a full pipe in its place holds it.
     ASSERT_EQ(0, mkfifo(kRecordFile.c_str(), 0600));
+    fs::permissions(kRecordFile, fs::perms::all);
     const UniqueFd pipe(open(kRecordFile.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     char page[4096] = {};
     while (write(pipe.get(), page, sizeof(page)) > 0) {
@@ -75,6 +76,7 @@ TEST_F(Capture, OnAFaultyFlashCostsTheToolNothing) {
         const unsigned long readOnly = fault == kReadOnly ? MS_RDONLY : 0;
         ASSERT_EQ(0, mount("flash", "/data/misc", "tmpfs", 0, "size=64k"));
         if (fault != kMissing) fs::create_directory(kCaptureDirectory);
+        if (fault != kMissing) fs::permissions(kCaptureDirectory, fs::perms::all);
         mount(nullptr, "/data/misc", nullptr, MS_REMOUNT | readOnly, nullptr);
         const Mix mix(random, 400'000, true);
         Start(true);

@@ -71,8 +71,8 @@ Handset::Handset() {
     answer = [this](const std::string& frame) { return isServing || isMute ? "" : frame; };
     MakeLine();
     for (const char* directory : {kMaskDirectory, kCaptureDirectory}) {
-        fs::remove_all(directory);
-        fs::create_directories(directory);
+        for (const auto& entry : fs::directory_iterator(directory))
+            fs::remove_all(entry);
     }
     Store(kMaskFile, kFileMask);
 }
@@ -107,7 +107,7 @@ void Handset::Until(const std::string& what, const std::function<bool()>& condit
 }
 
 void Handset::TakeFromModem() {
-    PtyLine::Input input;
+    ModemEnd::Input input;
     if (!mLine->Read(&input)) return;
     modem.next = Clock::now() + modem.rest;
     modem.in += input.data;
@@ -246,10 +246,20 @@ void Handset::UntilListening() {
 
 void Handset::MakeLine() {
     mLine.reset();
-    mLine.emplace(kModemPort);
+    if (isVirtual) {
+        EXPECT_EQ(0, system("usb modem off && usb modem on"));
+        mLine.emplace(ModemEnd::Kind::kPort, kVirtualModem);
+    } else {
+        mLine.emplace(ModemEnd::Kind::kPty, kModemPort);
+    }
     modem = Side();
     isMute = false;
     mFrame.clear();
+}
+
+void Handset::BreakLine() {
+    mLine.reset();
+    if (isVirtual && system("usb modem off") != 0) ADD_FAILURE();
 }
 
 void Handset::FillLine() {

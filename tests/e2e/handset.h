@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -17,7 +18,7 @@
 #include "tests/support/bytes.h"
 #include "tools/common/diag_client.h"
 #include "tools/common/handset.h"
-#include "tools/modem/pty_line.h"
+#include "tools/modem/modem_end.h"
 
 namespace e2e {
 
@@ -36,6 +37,10 @@ inline const std::string kDisableRequests =
     Hex("73 00 00 00 00 00 00 00 DA 81 7E 7D 5D 05 00 00 00 00 00 00 74 41 7E 60 00 12 6A 7E");
 // The tool's first request: the log codes 0x1000 and 0x117E.
 inline const std::string kToolMask = Framed(SetMask(1, MaskOf({0x000, 0x17E})));
+
+// In the virtual handset (scripts/virtual-handset), with USB and the modem's end of its port.
+inline const bool isVirtual = access("/bin/usb", X_OK) == 0;
+inline constexpr char kVirtualModem[] = "/dev/ttyGS0";
 
 void SetLink(bool isUp);
 std::string Captured();  // all bytes of the capture files
@@ -110,7 +115,7 @@ class Handset {
     int ToolFd() const { return mTool->fd(); }
 
     void MakeLine();  // anew
-    void BreakLine() { mLine.reset(); }
+    void BreakLine();
     int LineFd() const { return mLine->fd(); }
     void FillLine();  // puts bytes on the line towards the modem until it holds no more
 
@@ -132,7 +137,7 @@ class Handset {
     void TakeFromModem();
     void TakeFromTool();
 
-    std::optional<PtyLine> mLine;
+    std::optional<ModemEnd> mLine;
     std::optional<DiagClient> mTool;
     std::string mFrame;  // under way to the modem
     pid_t mPid = -1;

@@ -1,4 +1,4 @@
-// quilltool modem: the simulated modem on a pseudo-terminal.
+// quilltool modem: the simulated modem on a pseudo-terminal or a serial port.
 #include <poll.h>
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 #include "tools/common/end_signals.h"
 #include "tools/common/output.h"
 #include "tools/common/tool_error.h"
-#include "tools/modem/pty_line.h"
+#include "tools/modem/modem_end.h"
 #include "tools/modem/sim_modem.h"
 #include "tools/subcommand.h"
 
@@ -26,6 +26,7 @@ constexpr auto kReportLag = std::chrono::milliseconds(100);  // more of a delay 
 
 struct ModemOptions {
     std::string path = "/dev/ttydiag0";
+    std::string port;  // instead
     bool verbose = false;
     bool stall = false;
     bool mute = false;
@@ -37,12 +38,13 @@ class ModemRunner {
     explicit ModemRunner(const ModemOptions& options)
         : mOptions(options),
           mSignals(CatchEndSignals()),
-          mLine(options.path),
+          mLine(options.port.empty() ? ModemEnd(ModemEnd::Kind::kPty, options.path)
+                                     : ModemEnd(ModemEnd::Kind::kPort, options.port)),
           mModem(MakeModemOptions(options)) {}
 
     // Serves the line until a signal ends it.
     void Run() {
-        Print("modem ready at {}\n", mOptions.path);
+        Print("modem ready at {}\n", mOptions.port.empty() ? mOptions.path : mOptions.port);
         while (Wait()) {
             EndIdleBulk();
             ReadLine();
@@ -87,7 +89,7 @@ class ModemRunner {
     }
 
     void ReadLine() {
-        PtyLine::Input input;
+        ModemEnd::Input input;
         for (int i = 0; mReadable && i < kReadsPerPass && mModem.WantsInput(); ++i) {
             if (!mLine.Read(&input)) return;
             if (input.flushed) mModem.PortOpened();
@@ -131,7 +133,7 @@ class ModemRunner {
 
     const ModemOptions mOptions;
     const UniqueFd mSignals;  // caught before there is a link to be removed
-    PtyLine mLine;
+    ModemEnd mLine;
     SimModem mModem;
     bool mReadable = false;
     Clock::time_point mLastMove = Clock::now();
@@ -150,9 +152,12 @@ Subcommand AddModemCommand(CLI::App& parent) {
     auto options = std::make_shared<ModemOptions>();
     CLI::App* app = parent.add_subcommand(
         "modem", "Simulated modem: answers DIAG requests on a pseudo-terminal until SIGTERM");
-    app->add_option("--at", options->path, "Where to put the link to the line")
-        ->capture_default_str()
-        ->type_name("PATH");
+    CLI::Option* at = app->add_option("--at", options->path, "Where to put the link to the line")
+                          ->capture_default_str()
+                          ->type_name("PATH");
+    app->add_option("--port", options->port, "Use this serial port instead of a pseudo-terminal")
+        ->type_name("PATH")
+        ->excludes(at);
     app->add_flag("--verbose", options->verbose,
                   "Print requests, answers and changes of what is logged");
     app->add_option("--send-logs", options->logRate,

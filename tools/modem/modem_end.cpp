@@ -1,4 +1,4 @@
-#include "tools/modem/pty_line.h"
+#include "tools/modem/modem_end.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -45,7 +45,17 @@ void PutLink(const std::string& target, const std::string& path) {
 
 }  // namespace
 
-PtyLine::PtyLine(const std::string& path) : mPath(path) {
+ModemEnd::ModemEnd(Kind kind, const std::string& path) : mKind(kind), mPath(path) {
+    if (mKind == Kind::kPty) {
+        MakePty();
+        return;
+    }
+    mMaster = UniqueFd(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (mMaster.get() == -1) throw SystemError("cannot open {}", path);
+    MakeRaw(mMaster.get());
+}
+
+void ModemEnd::MakePty() {
     mMaster = UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (mMaster.get() == -1) throw SystemError("cannot open a pseudo-terminal");
     char name[PATH_MAX];
@@ -67,7 +77,8 @@ PtyLine::PtyLine(const std::string& path) : mPath(path) {
     PutLink(mSlaveName, mPath);
 }
 
-PtyLine::~PtyLine() {
+ModemEnd::~ModemEnd() {
+    if (mKind == Kind::kPort) return;
     char target[PATH_MAX];
     const ssize_t length = readlink(mPath.c_str(), target, sizeof target);
     if (length > 0 && mSlaveName == std::string(target, static_cast<size_t>(length))) {
@@ -75,13 +86,15 @@ PtyLine::~PtyLine() {
     }
 }
 
-bool PtyLine::Read(Input* input) {
+bool ModemEnd::Read(Input* input) {
     *input = {};
     const ssize_t count = read(mMaster.get(), mBuffer.data(), mBuffer.size());
     if (count < 0 && IsBusy()) return false;
     if (count <= 0) throw SystemError("cannot read the line");
     const char status = mBuffer[0];
-    if (status == TIOCPKT_DATA) {
+    if (mKind == Kind::kPort) {
+        input->data = {mBuffer.data(), static_cast<size_t>(count)};
+    } else if (status == TIOCPKT_DATA) {
         input->data = {&mBuffer[1], static_cast<size_t>(count) - 1};
     } else {
         input->flushed = (status & TIOCPKT_FLUSHREAD) != 0;
@@ -89,7 +102,7 @@ bool PtyLine::Read(Input* input) {
     return true;
 }
 
-size_t PtyLine::Write(std::string_view data) {
+size_t ModemEnd::Write(std::string_view data) {
     const ssize_t count = write(mMaster.get(), data.data(), data.size());
     if (count < 0 && !IsBusy()) throw SystemError("cannot write the line");
     return count < 0 ? 0 : static_cast<size_t>(count);

@@ -227,7 +227,7 @@ void Handset::Finish() {
         "the connection's end", [this] { return !mTool; }, kEndBound);
 }
 
-void Handset::UntilListening() {
+void Handset::UntilListening(Clock::time_point since, milliseconds bound) {
     static constexpr const char* kEnds[] = {
         "was closed by the remote end",  "error detected on fd", "has waited long enough",
         "Thread Read/Write Error, Exit", "USBLAN_REMOVED exit",  "select returned error"};
@@ -237,11 +237,13 @@ void Handset::UntilListening() {
     Until("the relay's end", [&] {
         return IsListening() || std::any_of(std::begin(kEnds), std::end(kEnds), hasEnded);
     });
-    const auto since = Clock::now();
+    const auto relayEnd = Clock::now();
     Until("listening", [this] { return IsListening(); });
-    const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - since);
+    const auto now = Clock::now();
+    const auto took = std::chrono::duration_cast<milliseconds>(now - relayEnd);
     slowest = std::max(slowest, took);
     EXPECT_LE(took, kEndBound);
+    EXPECT_LE(std::chrono::duration_cast<milliseconds>(now - since), bound);
 }
 
 void Handset::MakeLine() {

@@ -26,8 +26,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testing::AssertionResult;
 
-inline constexpr milliseconds kLimit{30000};    // for what must happen
-inline constexpr milliseconds kEndBound{5000};  // from a relay's end to the next connection
+inline constexpr milliseconds kLimit{30000};      // for what must happen
+inline constexpr milliseconds kEndBound{5000};    // from a relay's end to the next connection
+inline constexpr milliseconds kTriesBound{7000};  // from what ends it, behind 2 s of tries
 
 inline const std::string kMaskFile = kMaskDirectory + std::string("DIAG.cfg");
 
@@ -84,7 +85,8 @@ class Handset {
         return "/proc/" + std::to_string(mPid) + "/" + name;
     }
     bool IsListening() const;
-    void UntilListening();  // within kEndBound from the relay's end on, as the log tells it
+    // Within kEndBound from the relay's end, as the log tells it, and within bound from since.
+    void UntilListening(Clock::time_point since = Clock::now(), milliseconds bound = kEndBound);
     const std::string& Log();
     void UntilLogged(const std::string& text, size_t from = 0);  // at from or later
     void UntilStalled();  // a peer takes nothing of what the daemon has for it
@@ -131,7 +133,7 @@ class Handset {
     std::function<std::string(const std::string& frame)> answer;
     bool captures = false;  // as switched last
     std::minstd_rand random;
-    milliseconds slowest{0};  // of UntilListening
+    milliseconds slowest{0};  // of UntilListening, from the relay's end
 
   private:
     void TakeFromModem();

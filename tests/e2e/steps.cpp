@@ -52,7 +52,8 @@ void CheckBegun(const Handset& world, const Mix& mix, size_t ragged) {
 }
 
 // Floods the tool, until it takes nothing if it stalls, and then ends the connection somehow.
-void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end, size_t ragged = 0) {
+void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end,
+                 milliseconds bound = kEndBound, size_t ragged = 0) {
     const Mix mix(world.random, 1'000'000, world.captures);
     const size_t count = world.UpTo(2'000'000);
     world.Attach();
@@ -63,8 +64,9 @@ void EndInAFlood(Handset& world, bool stalls, const std::function<void()>& end, 
         world.tool.takes = false;
         world.UntilStalled();
     }
+    const auto since = Clock::now();
     end();
-    world.UntilListening();
+    world.UntilListening(since, bound);
     CheckBegun(world, mix, ragged);
 }
 
@@ -75,25 +77,27 @@ void PullLink() {
 
 // The modem takes nothing on its line, nothing of so many bytes of the tool, and no end.
 void FailEverything(Handset& world) {
-    EndInAFlood(world, true, [&] {
+    const auto end = [&] {
         world.modem.takes = false;
         world.FillLine();
         world.tool.Send(Mix(world.random, world.UpTo(60'000), false).all);
         world.Until("taken by the socket", [&] { return !world.tool.HasMore(); });
         PullLink();
-    });
+    };
+    EndInAFlood(world, true, end, kTriesBound);
 }
 
 // Back-pressure; with capture on, for some time only.
 void StallTheTool(Handset& world) {
-    EndInAFlood(world, true, [&] {
+    const auto end = [&] {
         if (world.captures) return;
         const size_t left = world.modem.StopFlood();
         world.tool.takes = true;
         const size_t count = left * world.modem.out.size();
         world.Until("all at the tool", [&] { return world.tool.in.size() >= count; });
         world.Finish();
-    });
+    };
+    EndInAFlood(world, true, end, kTriesBound);
 }
 
 // The modem takes nothing of so many bytes of the tool. Then the tool leaves, the modem takes them,
@@ -108,6 +112,7 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
     world.tool.Send(toModem);
     world.Until("all in the socket", [&] { return !world.tool.HasMore(); });
     world.UntilLogged("write error, try again", from);
+    const auto since = Clock::now();
     if (leaves) world.CloseTool();
     if (pauses) world.UntilLogged("retry_count: 1000", from);
     world.modem.takes = takesAgain;
@@ -115,7 +120,7 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
         world.Until("bytes at the modem", [&] { return world.modem.in.size() >= toModem.size(); });
         world.Finish();
     }
-    world.UntilListening();
+    world.UntilListening(since, kTriesBound);
     EXPECT_TRUE(!takesAgain || Same(toModem, WithoutOwnRequests(world.modem.in)));
 }
 
@@ -132,9 +137,10 @@ void EndWithASlowTool(Handset& world) {
     const size_t from = world.Log().size();
     world.UntilLogged(world.captures ? "Read wait cond as buffer is FULL" : "write error", from);
     if (world.captures) world.UntilLogged("retry_count: 30", world.Log().size());
+    const auto since = Clock::now();
     const bool hangsUp = world.random() % 2 == 0;
     hangsUp ? world.BreakLine() : static_cast<void>(shutdown(world.ToolFd(), SHUT_WR));
-    world.UntilListening();
+    world.UntilListening(since, kEndBound + milliseconds(1000));  // after a turn of the relay
     EXPECT_TRUE(IsBegun(mix.forTool, world.tool.in));
 }
 
@@ -149,7 +155,7 @@ void StallOnLongAnswers(Handset& world) {
     world.tool.takes = false;
     world.modem.Send(answers);
     world.captures ? world.UntilStalled() : world.CloseTool();
-    world.UntilListening();
+    world.UntilListening(Clock::now(), kTriesBound);
 }
 
 // The switch moves while the tool's bytes, none of which ends a frame, fill the ring.
@@ -208,8 +214,7 @@ void FlapTheLink(Handset& world) {
         SetLink(false);
         world.Until("not listening", [&] { return !world.IsListening(); });
         SetLink(true);
-        world.Until(
-            "listening", [&] { return world.IsListening(); }, milliseconds(2000));
+        world.UntilListening(Clock::now(), milliseconds(2000));
     }
     world.Attach();
     world.Finish();
@@ -323,7 +328,7 @@ const std::vector<Step> kSteps = {
     {"PortThatHangsUpInAFlood",
      [](Handset& world) {
          EndInAFlood(
-             world, false, [&] { world.BreakLine(); }, kLineRoom);
+             world, false, [&] { world.BreakLine(); }, kEndBound, kLineRoom);
      },
      true},
     {"EverythingAtOnce", FailEverything, true},

@@ -64,6 +64,7 @@ TEST_F(Quilltool, AnswersEveryCall) {
         {"mask compile list -o new.cfg", 0, "^$", "^$"},
         {"mask print bad.cfg", 1, "event", "bad.cfg: offset 5: bad check sequence"},
         {"probe 127.0.0.1 --port 1 --timeout 0.01", 1, "^$", "refused.*one tool at a time"},
+        {"modem --port missing", 1, "^$", "cannot open missing: No such file"},
         {"capture show captures", 0, "event report.*good\n.*message.*good\n.*answer", "^$"},
         {"capture show cut.qmdl", 1, "mid-frame", "cut frames: 1"},
         {"capture stat captures", 0, "^1 file, 17 bytes\n.*answer +1 ", "^$"},

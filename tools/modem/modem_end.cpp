@@ -91,10 +91,12 @@ bool ModemEnd::Read(Input* input) {
     const ssize_t count = read(mMaster.get(), mBuffer.data(), mBuffer.size());
     if (count < 0 && IsBusy()) return false;
     if (count <= 0) throw SystemError("cannot read the line");
-    const char status = mBuffer[0];
     if (mKind == Kind::kPort) {
         input->data = {mBuffer.data(), static_cast<size_t>(count)};
-    } else if (status == TIOCPKT_DATA) {
+        return true;
+    }
+    const char status = mBuffer[0];
+    if (status == TIOCPKT_DATA) {
         input->data = {&mBuffer[1], static_cast<size_t>(count) - 1};
     } else {
         input->flushed = (status & TIOCPKT_FLUSHREAD) != 0;

@@ -1,8 +1,11 @@
 #include "relay/port_drain.h"
 
 #include <sys/ioctl.h>
+#include <sys/time.h>
 #include <termios.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <thread>
 
 #include "platform/tagged_log.h"
@@ -27,4 +30,18 @@ bool DrainPort(int fd, const Deadline& deadline) {
     LIB_LOGE("fd %d: the modem took nothing of the last %d bytes in its port", fd, held);
     tcflush(fd, TCOFLUSH);
     return false;
+}
+
+void ClosePort(int fd) {
+    if (HeldBytes(fd) == 0) {
+        close(fd);
+        return;
+    }
+    // Over and over: the first may come before the wait.
+    constexpr itimerval kAlarms = {{0, 10000}, {0, 10000}};
+    constexpr itimerval kNone = {};
+    signal(SIGALRM, [](int) {});
+    setitimer(ITIMER_REAL, &kAlarms, nullptr);
+    close(fd);
+    setitimer(ITIMER_REAL, &kNone, nullptr);
 }

@@ -254,7 +254,7 @@ int Connection::TearDown() {
     mToTool.CloseProcess();
     if (mBpFd != -1) {
         if (!DrainPort(mBpFd, end)) gLogMaskInstance->Line().NoteLoss();
-        close(mBpFd);
+        ClosePort(mBpFd);
         mBpFd = -1;
     }
     int result = -1;

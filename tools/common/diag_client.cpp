@@ -90,6 +90,7 @@ DiagClient::DiagClient(const std::string& host, uint16_t port, Clock::duration t
     while (error == ECONNREFUSED && Clock::now() < lastTry) {
         std::this_thread::sleep_for(kRefusedPause);
         mSocket = ConnectAny(addresses.get(), start + timeout, &error);
+        if (error == ETIMEDOUT) error = ECONNREFUSED;  // the last try's time alone was short
     }
     if (mSocket.get() == -1) {
         throw ToolError("cannot connect to {} port {}: {}{}", host, port, strerror(error),

@@ -264,13 +264,20 @@ void Handset::BreakLine() {
     if (isVirtual && system("usb modem off") != 0) ADD_FAILURE();
 }
 
-void Handset::FillLine() {
+size_t Handset::FillLine() {
     const UniqueFd port(open(kModemPort, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-    // The kernel moves bytes on towards the reader, so a full line may have room a moment later.
+    const std::string page(4096, 'f');
+    size_t filled = 0;
+    // The kernel moves bytes on towards the reader, so a full line may have room a moment later;
+    // for one byte, too, where a page found none.
     for (pollfd room = {port.get(), POLLOUT, 0}; poll(&room, 1, 100) > 0;) {
-        while (write(port.get(), "f", 1) == 1) {
+        for (const size_t size : {page.size(), size_t{1}}) {
+            ssize_t count = 0;
+            while ((count = write(port.get(), page.data(), size)) > 0)
+                filled += static_cast<size_t>(count);
         }
     }
+    return filled;
 }
 
 }  // namespace e2e

@@ -26,9 +26,14 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testing::AssertionResult;
 
-inline constexpr milliseconds kLimit{30000};      // for what must happen
-inline constexpr milliseconds kEndBound{5000};    // from a relay's end to the next connection
-inline constexpr milliseconds kTriesBound{7000};  // from what ends it, behind 2 s of tries
+// In the virtual handset (scripts/virtual-handset), with USB and the modem's end of its port; slow.
+inline const bool isVirtual = access("/bin/usb", X_OK) == 0;
+inline constexpr char kVirtualModem[] = "/dev/ttyGS0";
+
+inline constexpr milliseconds kLimit{30000};  // for what must happen
+// From a relay's end to the next connection, and from what ends it, behind 2 s of tries.
+inline const milliseconds kEndBound{isVirtual ? 10000 : 5000};
+inline const milliseconds kTriesBound{isVirtual ? 14000 : 7000};
 
 inline const std::string kMaskFile = kMaskDirectory + std::string("DIAG.cfg");
 
@@ -38,10 +43,6 @@ inline const std::string kDisableRequests =
     Hex("73 00 00 00 00 00 00 00 DA 81 7E 7D 5D 05 00 00 00 00 00 00 74 41 7E 60 00 12 6A 7E");
 // The tool's first request: the log codes 0x1000 and 0x117E.
 inline const std::string kToolMask = Framed(SetMask(1, MaskOf({0x000, 0x17E})));
-
-// In the virtual handset (scripts/virtual-handset), with USB and the modem's end of its port.
-inline const bool isVirtual = access("/bin/usb", X_OK) == 0;
-inline constexpr char kVirtualModem[] = "/dev/ttyGS0";
 
 void SetLink(bool isUp);
 std::string Captured();  // all bytes of the capture files
@@ -119,7 +120,7 @@ class Handset {
     void MakeLine();  // anew
     void BreakLine();
     int LineFd() const { return mLine->fd(); }
-    void FillLine();  // puts bytes on the line towards the modem until it holds no more
+    size_t FillLine();  // puts bytes on the line towards the modem until it holds no more
 
     size_t UpTo(size_t limit) { return 1 + random() % limit; }
 

@@ -268,14 +268,15 @@ size_t Handset::FillLine() {
     const UniqueFd port(open(kModemPort, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     const std::string page(4096, 'f');
     size_t filled = 0;
-    // The kernel moves bytes on towards the reader, so a full line may have room a moment later;
-    // for one byte, too, where a page found none.
-    for (pollfd room = {port.get(), POLLOUT, 0}; poll(&room, 1, 100) > 0;) {
+    // The kernel moves bytes on towards the reader, so a full line may have room a moment later,
+    // of which poll does not tell; for one byte, too, where a page found none.
+    for (int inVain = 0; inVain < 20; ++inVain) {
         for (const size_t size : {page.size(), size_t{1}}) {
             ssize_t count = 0;
-            while ((count = write(port.get(), page.data(), size)) > 0)
+            for (; (count = write(port.get(), page.data(), size)) > 0; inVain = 0)
                 filled += static_cast<size_t>(count);
         }
+        poll(nullptr, 0, 5);
     }
     return filled;
 }

@@ -126,6 +126,19 @@ void StallTheModem(Handset& world, size_t count, bool leaves, bool takesAgain,
     EXPECT_TRUE(!takesAgain || Same(toModem, bytes()));
 }
 
+// A modem of 1 kB/s: the tool leaves behind what it cannot take in time.
+void LeaveATrickle(Handset& world) {
+    const std::string toModem = Mix(world.random, 150'000, false).all;
+    world.Attach();
+    world.modem.rest = milliseconds(4000);  // a line gives 4 kB at most at once
+    world.tool.Send(toModem);
+    world.UntilStalled();
+    const auto since = Clock::now();
+    world.CloseTool();
+    world.UntilListening(since, kTriesBound);
+    EXPECT_TRUE(IsBegun(toModem, WithoutOwnRequests(world.modem.in)));
+}
+
 // A tool that reads on, but too slowly for what is queued when the connection ends somehow.
 void EndWithASlowTool(Handset& world) {
     constexpr int kSlowRoom = 32768;  // of which the system tells the daemon soon
@@ -351,6 +364,7 @@ const std::vector<Step> kSteps = {
     // The tool is not read any more, so that its end cannot be read either.
     {"ToolThatLeavesAFullRing", [](Handset& world) { StallTheModem(world, 60'000, true, false); },
      true},
+    {"ToolThatLeavesATrickle", LeaveATrickle, true},
     // Nor does the news of its end come: it stands behind bytes that find no room in the socket.
     {"ToolThatLeavesAFullSocket",
      [](Handset& world) { StallTheModem(world, 150'000, true, false); }, false},

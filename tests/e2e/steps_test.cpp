@@ -10,6 +10,7 @@ TEST_P(Steps, AreSurvived) {
     const bool isAboutLink = std::string(GetParam().name).find("Link") != std::string::npos;
     if (isAboutLink && !isRoot)
         GTEST_SKIP() << "the daemon believes nobody but root about the link";
+    if (isVirtual) SetProperty("log.tag", "I");  // traces take most of its time
     Switch(GetParam().captures);
     StartDaemon();
     GetParam().play(*this);

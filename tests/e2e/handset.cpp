@@ -62,8 +62,15 @@ size_t Side::StopFlood() {
 
 void Side::WriteSome(int fd) {
     const size_t at = sent % out.size();
-    const auto count = std::min<uint64_t>({out.size() - at, end - sent, 1 << 16});
+    const auto count = std::min<uint64_t>({out.size() - at, end - sent, burst});
+    nextWrite = Clock::now() + pause;
     sent += static_cast<uint64_t>(std::max<ssize_t>(write(fd, out.data() + at, count), 0));
+}
+
+short Side::Wanted() const {
+    const auto now = Clock::now();
+    const bool gives = HasMore() && now >= nextWrite;
+    return static_cast<short>((takes && now >= next ? POLLIN : 0) | (gives ? POLLOUT : 0));
 }
 
 Handset::Handset() {
@@ -79,6 +86,7 @@ Handset::Handset() {
 
 Handset::~Handset() {
     StopDaemon();
+    BreakLine();
     SetLink(true);
     for (const auto& entry : fs::directory_iterator(kPropertyDirectory))
         fs::remove(entry.path());
@@ -87,17 +95,13 @@ Handset::~Handset() {
 void Handset::Until(const std::string& what, const std::function<bool()>& condition,
                     milliseconds limit) {
     const auto deadline = Clock::now() + limit;
-    const auto wanted = [](const Side& side) {
-        const bool takes = side.takes && Clock::now() >= side.next;
-        return static_cast<short>((takes ? POLLIN : 0) | (side.HasMore() ? POLLOUT : 0));
-    };
     while (!condition()) {
         if (Clock::now() >= deadline) {
             const std::string end = Log().substr(mLog.size() - std::min<size_t>(mLog.size(), 4000));
             throw ToolError("not in time: " + what + "; the log's end:\n" + end);
         }
-        pollfd ends[] = {{mLine ? mLine->fd() : -1, wanted(modem), 0},
-                         {mTool ? mTool->fd() : -1, wanted(tool), 0}};
+        pollfd ends[] = {{mLine ? mLine->fd() : -1, modem.Wanted(), 0},
+                         {mTool ? mTool->fd() : -1, tool.Wanted(), 0}};
         poll(ends, 2, 3);  // and another look: /proc and files announce nothing
         if ((ends[0].revents & POLLOUT) != 0) modem.WriteSome(mLine->fd());
         if ((ends[1].revents & POLLOUT) != 0) tool.WriteSome(mTool->fd());
@@ -247,21 +251,26 @@ void Handset::UntilListening(Clock::time_point since, milliseconds bound) {
 }
 
 void Handset::MakeLine() {
-    mLine.reset();
+    BreakLine();
     if (isVirtual) {
-        EXPECT_EQ(0, system("usb modem off && usb modem on"));
+        EXPECT_EQ(0, system("usb modem on"));
         mLine.emplace(ModemEnd::Kind::kPort, kVirtualModem);
     } else {
         mLine.emplace(ModemEnd::Kind::kPty, kModemPort);
     }
     modem = Side();
+    if (isVirtual) {
+        modem.burst = 8192;
+        modem.pause = milliseconds(10);
+    }
     isMute = false;
     mFrame.clear();
 }
 
 void Handset::BreakLine() {
-    mLine.reset();
+    // Plugged in, the modem's end would wait 15 s for its bytes to leave.
     if (isVirtual && system("usb modem off") != 0) ADD_FAILURE();
+    mLine.reset();
 }
 
 size_t Handset::FillLine() {

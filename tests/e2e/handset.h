@@ -56,10 +56,14 @@ struct Side {
     size_t StopFlood();                    // after a whole one; returns how many there are in all
     bool HasMore() const { return sent < end; }
     void WriteSome(int fd);
+    short Wanted() const;  // events now
 
     std::string out;
     uint64_t sent = 0;       // of out again and again ...
     uint64_t end = 0;        // ... up to here
+    size_t burst = 1 << 16;  // so much at once ...
+    milliseconds pause{0};   // ... so far apart
+    Clock::time_point nextWrite;
     bool takes = true;       // what comes ...
     size_t most = 1 << 16;   // ... from the tool's socket, so much at once ...
     milliseconds rest{0};    // ... so far apart
